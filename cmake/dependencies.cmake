@@ -1,0 +1,21 @@
+# Everything from outside, by the names that the rest of the project links.
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(czmq REQUIRED IMPORTED_TARGET libczmq)
+pkg_check_modules(zmq REQUIRED IMPORTED_TARGET libzmq)
+pkg_check_modules(libuuid REQUIRED IMPORTED_TARGET uuid)
+find_package(fmt REQUIRED)
+find_package(spdlog REQUIRED)
+find_package(nlohmann_json REQUIRED)
+find_package(CLI11 REQUIRED)
+find_package(Threads REQUIRED)
+
+find_path(ASIO_INCLUDE_DIR asio.hpp REQUIRED)
+add_library(asio INTERFACE)
+target_include_directories(asio SYSTEM INTERFACE ${ASIO_INCLUDE_DIR})
+target_compile_definitions(asio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED)
+target_link_libraries(asio INTERFACE Threads::Threads)
+
+if(VESK_BUILD_TESTS)
+  find_package(GTest REQUIRED)
+  find_package(benchmark REQUIRED)
+endif()

@@ -1,0 +1,98 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <tolvan/event_loop_v1.hpp>
+#include <tolvan/vesk/hub/zmq_types.hpp>
+#include <tolvan/vesk/v1/subscriber.hpp>
+
+namespace tolvan::vesk::hub {
+
+/// Receives every message of the process from the hub, over one SUB socket, and delivers each to the
+/// subscriptions that it matches: notify callbacks at once, handle callbacks one per millisecond. Lives in a
+/// std::shared_ptr; everything runs on the event loop's thread.
+class subscriber_impl final : public v1::subscriber::backend,
+                              public std::enable_shared_from_this<subscriber_impl> {
+  public:
+    /// Connects to the hub's subscription endpoint and watches the socket; does not wait until the hub is
+    /// there. Throws std::runtime_error for an endpoint that ZeroMQ rejects.
+    subscriber_impl(std::shared_ptr<event_loop_v1> loop, const std::string& endpoint);
+    ~subscriber_impl() override;
+
+    void revoke_subscriptions(v1::subscriber* s) override;
+    void subscribe(v1::subscriber* s, const std::string& topic,
+                   std::function<void(const std::string&)>&& notify,
+                   std::function<void(const std::string&, const std::string&)>&& handle) override;
+
+  private:
+    using handle_function = std::function<void(const std::string& topic, const std::string& data)>;
+
+    /// One subscription. Stays at its address for as long as it exists.
+    struct sub_functions {
+        std::function<void(const std::string& topic)> notify_fn;
+        handle_function handle_fn;
+        std::uint64_t serial = 0;  ///< tells it from a later one of the same subscriber and topic
+    };
+
+    /// One delivery that waits for its turn.
+    struct message {
+        v1::subscriber* subscriber;
+        std::shared_ptr<std::string> topic;
+        std::shared_ptr<std::string> data;
+        const handle_function* target;
+    };
+
+    /// A subscription that a message matches, by the keys to look it up again.
+    struct match {
+        v1::subscriber* subscriber;
+        const std::string* topic;
+        std::uint64_t serial;
+    };
+
+    void add_topic_reference(const std::string& topic);
+    void remove_topic_reference(const std::string& topic);
+
+    void subscription_handler();
+    void drain_socket();
+    bool input_waiting() const;
+    void receive_message();
+    void update_latency(std::int64_t timestamp_ms);
+    void read_metadata(zmsg_t* received);
+
+    void deliver(const std::shared_ptr<std::string>& topic, const std::shared_ptr<std::string>& data);
+    std::vector<std::string> wanted_topics(const std::string& received) const;
+    std::vector<match> find_matches(const std::vector<std::string>& wanted) const;
+    const sub_functions* find_subscription(const match& found) const;
+
+    void start_dispatch_timer();
+    void dispatch_one_message();
+    static void make_delivery(message delivery);
+
+    // Destroyed from the last to the first: queued messages point into the registry, the socket outlives
+    // both.
+    std::shared_ptr<event_loop_v1> event_loop;
+    socket sub_socket;
+    std::unordered_map<v1::subscriber*, std::map<std::string, sub_functions>> subscriptions;
+    std::unordered_map<std::string, unsigned> topic_refs;  ///< subscriptions counted for each hub filter
+    std::list<message> dispatch_queue;
+    event_loop_v1::holder<timer_impl_base> dispatch_timer;
+    std::int64_t stats_since = 0;  ///< loop time of the last latency report, in milliseconds
+    std::int32_t latency_count = 0;
+    std::int64_t latency_sum = 0;  ///< in milliseconds
+
+    std::map<std::size_t, unsigned>
+        topic_lengths;  ///< lengths of the topics in topic_refs, with their numbers
+    std::uint64_t last_serial = 0;
+    event_loop_v1::holder<timer_impl_base>
+        resume_timer;  ///< reads on after an exception has left the handler
+};
+
+}  // namespace tolvan::vesk::hub

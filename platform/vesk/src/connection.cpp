@@ -1,0 +1,75 @@
+#include <cstdlib>
+#include <stdexcept>
+
+#include <dlfcn.h>
+
+#include <tolvan/vesk/v1/connection.hpp>
+#include <tolvan/vesk/v1/publisher.hpp>
+#include <tolvan/vesk/v1/subscriber.hpp>
+
+namespace tolvan::vesk::v1 {
+
+namespace {
+
+constexpr const char* factory_symbol = "tolvan_vesk_v1_connection_impl";
+using factory_function = void(connection::impl** result);
+
+std::string library_of(const std::string& backend) {
+    return backend.find('/') != std::string::npos ? backend : "libvesk-" + backend + ".so";
+}
+
+// Never unloaded again: a transport leaves vtables, deleters and callbacks all over the process.
+factory_function* load_factory(const std::string& library) {
+    void* const handle = ::dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+    if (handle == nullptr)
+        throw std::runtime_error("could not load vesk backend " + library + " for its " + factory_symbol +
+                                 ": " + ::dlerror());
+    void* const symbol = ::dlsym(handle, factory_symbol);
+    if (symbol == nullptr)
+        throw std::runtime_error("vesk backend " + library + " has no " + factory_symbol + ": " +
+                                 ::dlerror());
+    return reinterpret_cast<factory_function*>(symbol);
+}
+
+std::unique_ptr<connection::impl> make_transport(const std::string& backend) {
+    connection::impl* made = nullptr;
+    load_factory(library_of(backend))(&made);
+    return std::unique_ptr<connection::impl>(made);
+}
+
+bool any_backend_installed() {
+    return subscriber::backend::instance || publisher::backend::instance;
+}
+
+// Handlers run in reverse order of registration, and a transport's own clean-up at exit is registered when
+// its first socket is made. Registered only once a backend is there, this one therefore runs before it.
+void release_backends_at_exit() {
+    static bool registered = false;
+    if (registered || !any_backend_installed()) return;
+    registered = std::atexit(release_backends) == 0;
+}
+
+}  // namespace
+
+connection::connection(conf_t conf, std::shared_ptr<event_loop_v1> loop)
+    : transport(make_transport(conf.backend)) {
+    struct at_end {
+        ~at_end() { release_backends_at_exit(); }  // also when initialize throws half-way
+    } const registration;
+    transport->set_event_loop(std::move(loop));
+    transport->initialize(std::move(conf));
+}
+
+connection::~connection() = default;
+connection::impl::~impl() = default;
+
+void connection::set_service_name(const std::string& name) {
+    transport->set_service_name(name);
+}
+
+void release_backends() {
+    publisher::backend::instance.reset();
+    subscriber::backend::instance.reset();
+}
+
+}  // namespace tolvan::vesk::v1

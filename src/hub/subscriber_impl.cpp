@@ -1,0 +1,261 @@
+// The notification descriptor of a ZeroMQ socket signals only once: after a wake-up the handler must read
+// until no input is left, or the socket stays deaf. So the handler drains it, and when an exception out of a
+// notify callback makes it leave early, a timer of 0 ms reads the rest on the loop's next turn.
+//
+// Notify callbacks run from the receive handler, handle callbacks from the dispatch timer; both may call
+// anything of the bus. call_out.hpp says how that is kept safe.
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
+
+#include <tolvan/lumo/v1/log.hpp>
+#include <tolvan/vesk/hub/call_out.hpp>
+#include <tolvan/vesk/hub/hub_message.hpp>
+#include <tolvan/vesk/hub/subscriber_impl.hpp>
+
+namespace tolvan::vesk::hub {
+
+namespace {
+
+constexpr const char* source_file = "src/hub/subscriber_impl";
+constexpr const char* dispatch_timer_name = "vesk::subscriber_impl.dispatch_queue";
+constexpr const char* resume_timer_name = "vesk::subscriber_impl.resume";
+constexpr event_loop_v1::milliseconds dispatch_delay{1};
+constexpr event_loop_v1::milliseconds next_turn{0};
+constexpr event_loop_v1::milliseconds no_period{0};
+constexpr std::int64_t report_interval_ms = 3'600'000;
+
+struct frame {
+    text_ptr bytes;  ///< a copy with a NUL behind it; empty when there was no frame
+    std::size_t size = 0;
+
+    std::string text() const { return bytes.get(); }
+};
+
+frame pop_frame(zmsg_t* message) {
+    zframe_t* const first = zmsg_first(message);
+    const std::size_t size = first == nullptr ? 0 : zframe_size(first);
+    return {text_ptr(zmsg_popstr(message)), size};
+}
+
+// Whether a subscription topic of that length, being a prefix of `received`, covers whole segments of it.
+bool ends_segment(const std::string& received, std::size_t length) {
+    return length == 0 || length == received.size() || received[length] == '.';
+}
+
+// A sender may claim any stamp; arithmetic on it wraps around.
+std::int64_t wrapping_difference(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) - static_cast<std::uint64_t>(b));
+}
+
+std::int64_t wrapping_sum(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
+}
+
+}  // namespace
+
+subscriber_impl::subscriber_impl(std::shared_ptr<event_loop_v1> loop, const std::string& endpoint)
+    : event_loop(std::move(loop)), sub_socket(ZMQ_SUB) {
+    LUMO_LOG(lumo::v1::trace, source_file, "subscriber_impl", "connecting to {}", endpoint);
+    const int rc = zsock_connect(sub_socket.get(), "%s", endpoint.c_str());
+    if (rc != 0)
+        throw std::runtime_error("could not connect to ZMQ subscription socket at " + endpoint + ", reason " +
+                                 std::to_string(rc));
+    event_loop->watch_fd(sub_socket.file_desc(), 0, [this](auto, auto) { subscription_handler(); });
+    sub_socket.poll_events();  // a socket signals only after it was found empty once; without a filter it is
+}
+
+subscriber_impl::~subscriber_impl() {
+    event_loop->unwatch_fd(sub_socket.file_desc());
+}
+
+void subscriber_impl::subscribe(v1::subscriber* s, const std::string& topic,
+                                std::function<void(const std::string&)>&& notify,
+                                std::function<void(const std::string&, const std::string&)>&& handle) {
+    add_topic_reference(topic);
+    const auto [entry, added] = subscriptions[s].try_emplace(topic);
+    if (added)
+        entry->second.serial = ++last_serial;
+    else
+        LUMO_LOG(lumo::v1::warning, source_file, "subscribe",
+                 "duplicate subscription by id={} for topic={} detected, please fix your code",
+                 s->get_uuid_or_luid(), topic);
+    auto new_notify = shareable(std::move(notify));
+    auto new_handle = shareable(std::move(handle));
+    entry->second.notify_fn.swap(new_notify);
+    entry->second.handle_fn.swap(new_handle);
+}
+
+void subscriber_impl::revoke_subscriptions(v1::subscriber* s) {
+    dispatch_queue.remove_if([s](const message& queued) { return queued.subscriber == s; });
+    const auto revoked = subscriptions.extract(s);  // its callbacks are destroyed last
+    if (!revoked) return;
+    for (const auto& subscription : revoked.mapped()) remove_topic_reference(subscription.first);
+}
+
+void subscriber_impl::add_topic_reference(const std::string& topic) {
+    const auto known = topic_refs.find(topic);
+    if (known != topic_refs.end()) {
+        ++known->second;
+        return;
+    }
+    LUMO_LOG(lumo::v1::trace, source_file, "subscribe", "subscribing to topic=“{}”", topic);
+    zsock_set_subscribe(sub_socket.get(), topic.c_str());
+    topic_refs.emplace(topic, 1);
+    ++topic_lengths[topic.size()];
+}
+
+void subscriber_impl::remove_topic_reference(const std::string& topic) {
+    const auto known = topic_refs.find(topic);
+    if (--known->second > 0) return;
+    LUMO_LOG(lumo::v1::trace, source_file, "revoke_subscriptions", "unsubscribing to topic={}", topic);
+    zsock_set_unsubscribe(sub_socket.get(), topic.c_str());
+    topic_refs.erase(known);
+    if (--topic_lengths[topic.size()] == 0) topic_lengths.erase(topic.size());
+}
+
+void subscriber_impl::subscription_handler() {
+    const auto self = weak_from_this();
+    try {
+        drain_socket();
+    } catch (...) {
+        if (!self.expired())
+            resume_timer = event_loop->create_timer(resume_timer_name, next_turn, no_period,
+                                                    [this] { subscription_handler(); });
+        throw;
+    }
+}
+
+void subscriber_impl::drain_socket() {
+    const auto self = weak_from_this();
+    while (!self.expired() && input_waiting()) receive_message();
+}
+
+bool subscriber_impl::input_waiting() const {
+    const int events = sub_socket.poll_events().bits;
+    if ((events & ZMQ_POLLERR) != 0)
+        LUMO_LOG(lumo::v1::error, source_file, "subscription_handler", "Got poll error on zmq socket");
+    return (events & ZMQ_POLLIN) != 0;
+}
+
+void subscriber_impl::receive_message() {
+    message_ptr received(zmsg_recv(sub_socket.get()));
+    if (!received || zmsg_size(received.get()) < 2) {
+        LUMO_LOG(lumo::v1::error, source_file, "subscription_handler",
+                 "Failed to receive 0MQ message off of socket; dropping");
+        return;
+    }
+    const auto topic = std::make_shared<std::string>(pop_frame(received.get()).text());
+    const auto data = std::make_shared<std::string>(pop_frame(received.get()).text());
+    read_metadata(received.get());
+    received.reset();
+    deliver(topic, data);
+}
+
+void subscriber_impl::read_metadata(zmsg_t* received) {
+    const frame third = pop_frame(received);
+    if (!third.bytes) return;
+    const auto version = static_cast<unsigned char>(third.bytes.get()[0]);  // of an empty frame the NUL: 0
+    if (version != metadata_t::current_version) {
+        LUMO_LOG(lumo::v1::error, source_file, "subscription_handler", "unsupported metadata version={}",
+                 version);
+        return;
+    }
+    metadata_t metadata;
+    if (third.size < sizeof metadata) return;
+    std::memcpy(&metadata, third.bytes.get(), sizeof metadata);
+    update_latency(metadata.timestamp_ms);
+}
+
+void subscriber_impl::update_latency(std::int64_t timestamp_ms) {
+    const std::int64_t now = event_loop->now().count();
+    ++latency_count;
+    latency_sum = wrapping_sum(latency_sum, wrapping_difference(now, timestamp_ms));
+    if (now - stats_since <= report_interval_ms) return;
+    LUMO_LOG(lumo::v1::statistics, source_file, "subscription_handler", "vesk stats: latency count={} avg={}",
+             latency_count, event_loop_v1::milliseconds(latency_sum / latency_count));
+    latency_count = 0;
+    latency_sum = 0;
+    stats_since = now;
+}
+
+void subscriber_impl::deliver(const std::shared_ptr<std::string>& topic,
+                              const std::shared_ptr<std::string>& data) {
+    const auto self = weak_from_this();
+    const auto wanted = wanted_topics(*topic);
+    for (const match& found : find_matches(wanted)) {
+        const sub_functions* subscription = find_subscription(found);
+        if (subscription == nullptr) continue;
+        if (subscription->notify_fn) {
+            call_out(subscription->notify_fn, *topic);
+            if (self.expired()) return;
+            subscription = find_subscription(found);
+            if (subscription == nullptr) continue;
+        }
+        dispatch_queue.push_back({found.subscriber, topic, data, &subscription->handle_fn});
+        if (!dispatch_timer || !dispatch_timer->pending) start_dispatch_timer();
+    }
+}
+
+// The topics with subscriptions that `received` matches, in ascending order. Goes by the lengths that
+// subscribed topics have: whatever is received, it costs no more than the subscribed topics are long.
+std::vector<std::string> subscriber_impl::wanted_topics(const std::string& received) const {
+    std::vector<std::string> wanted;
+    for (const auto& [length, topics] : topic_lengths) {
+        if (length > received.size()) break;
+        if (!ends_segment(received, length)) continue;
+        std::string prefix = received.substr(0, length);
+        if (topic_refs.contains(prefix)) wanted.push_back(std::move(prefix));
+    }
+    return wanted;
+}
+
+std::vector<subscriber_impl::match> subscriber_impl::find_matches(
+    const std::vector<std::string>& wanted) const {
+    std::vector<match> found;
+    if (wanted.empty()) return found;
+    for (const auto& [subscriber, topics] : subscriptions)
+        for (const std::string& topic : wanted)
+            if (const auto entry = topics.find(topic); entry != topics.end())
+                found.push_back({subscriber, &topic, entry->second.serial});
+    return found;
+}
+
+// Nothing when the subscription is gone, also when another one was made in its place.
+const subscriber_impl::sub_functions* subscriber_impl::find_subscription(const match& found) const {
+    const auto subscriber = subscriptions.find(found.subscriber);
+    if (subscriber == subscriptions.end()) return nullptr;
+    const auto entry = subscriber->second.find(*found.topic);
+    const bool same = entry != subscriber->second.end() && entry->second.serial == found.serial;
+    return same ? &entry->second : nullptr;
+}
+
+void subscriber_impl::start_dispatch_timer() {
+    dispatch_timer = event_loop->create_timer(dispatch_timer_name, dispatch_delay, no_period,
+                                              [this] { dispatch_one_message(); });
+}
+
+void subscriber_impl::dispatch_one_message() {
+    if (dispatch_queue.empty()) return;
+    const auto self = weak_from_this();
+    const message* const running = &dispatch_queue.front();
+    make_delivery(*running);
+    if (self.expired()) return;
+    // A callback that revoked its own subscriber has taken the running message off the queue itself.
+    if (!dispatch_queue.empty() && &dispatch_queue.front() == running) dispatch_queue.pop_front();
+    if (!dispatch_queue.empty()) start_dispatch_timer();
+}
+
+// Takes a copy of the message: the one in the queue may go while its callback runs.
+void subscriber_impl::make_delivery(message delivery) {
+    try {
+        call_out(*delivery.target, *delivery.topic, *delivery.data);
+    } catch (const std::exception& caught) {
+        LUMO_LOG(lumo::v1::error, source_file, "dispatch_one_message", "exception caught: {}", caught.what());
+    } catch (...) {
+        LUMO_LOG(lumo::v1::error, source_file, "dispatch_one_message",
+                 "exception caught (no more info available)");
+    }
+}
+
+}  // namespace tolvan::vesk::hub

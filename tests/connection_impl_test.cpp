@@ -1,0 +1,140 @@
+// The road from an application to the backends: library, factory, initialize, slots.
+#include <cstdlib>
+#include <stdexcept>
+#include <tuple>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <tolvan/vesk/hub/publisher_impl.hpp>
+#include <tolvan/vesk/hub/subscriber_impl.hpp>
+#include <tolvan/vesk/hub/zmq_types.hpp>
+#include <tolvan/vesk/v1/connection.hpp>
+
+#include "support/czmq_faults.hpp"
+#include "support/hub_sides.hpp"
+#include "support/manual_event_loop.hpp"
+
+namespace {
+
+using namespace tolvan;
+using testing::AllOf;
+using testing::HasSubstr;
+using vesk::v1::conf_t;
+using vesk::v1::connection;
+using vesk::v1::publisher;
+using vesk::v1::subscriber;
+
+class a_connection : public testing::Test {
+  protected:
+    ~a_connection() override { vesk::v1::release_backends(); }
+
+    // Connects and returns the text of the failure.
+    std::string failure_of(const conf_t& conf) {
+        try {
+            const connection refused(conf, loop);
+        } catch (const std::runtime_error& error) {
+            return error.what();
+        }
+        return "nothing was thrown";
+    }
+
+    conf_t conf() const { return {.pub_endpoint = hub.pub_endpoint(), .sub_endpoint = hub.sub_endpoint()}; }
+
+    static auto slots() { return std::tuple(subscriber::backend::instance, publisher::backend::instance); }
+
+    test::hub_sides hub;
+    std::shared_ptr<test::manual_event_loop> loop = std::make_shared<test::manual_event_loop>();
+};
+
+TEST_F(a_connection, carries_messages_of_both_directions_also_after_the_object_is_gone) {
+    ::setenv("ZSYS_SIGHANDLER", "true", 1);
+    { connection(conf(), loop).set_service_name("any"); }
+    EXPECT_STREQ("false", std::getenv("ZSYS_SIGHANDLER"));
+
+    subscriber receiver;
+    std::string received;
+    receiver.subscribe("a.b", nullptr, [&](const auto&, const auto& data) { received = data; });
+    EXPECT_EQ(
+        "\x01"
+        "a.b",
+        hub.filter());
+    hub.relay("a.b.c", "data");
+    loop->run_until([&] { return loop->advance(1), !received.empty(); });
+    EXPECT_EQ("data", received);
+}
+
+TEST_F(a_connection, that_lacks_an_endpoint_changes_no_slot) {
+    const auto incomplete = "incomplete configuration provided for hub-based configuration";
+    EXPECT_EQ(incomplete, failure_of({.pub_endpoint = "", .sub_endpoint = "inproc://x"}));
+    EXPECT_EQ(incomplete, failure_of({.pub_endpoint = "inproc://x", .sub_endpoint = ""}));
+    EXPECT_EQ(std::tuple(nullptr, nullptr), slots());
+}
+
+TEST_F(a_connection, that_fails_half_way_leaves_what_was_installed_before) {
+    const connection first(conf(), loop);
+    const auto before = slots();
+    conf_t bad = conf();
+    bad.sub_endpoint = "not-an-endpoint";
+    EXPECT_EQ("could not connect to ZMQ subscription socket at not-an-endpoint, reason -1", failure_of(bad));
+    EXPECT_EQ(before, slots());
+
+    bad = conf();
+    bad.pub_endpoint = "not-%s-endpoint";
+    EXPECT_EQ("could not connect to ZMQ publishing socket at not-%s-endpoint, reason -1", failure_of(bad));
+    EXPECT_NE(std::get<0>(before), subscriber::backend::instance);
+    EXPECT_EQ(std::get<1>(before), publisher::backend::instance);
+
+    const test::czmq_faults faults;
+    test::czmq_faults::refuse_socket = true;
+    EXPECT_EQ("nothing was thrown", failure_of(conf())) << "the shipped library has a czmq of its own";
+    EXPECT_THROW(vesk::hub::socket(ZMQ_SUB), std::runtime_error);
+}
+
+TEST_F(a_connection, that_is_made_again_replaces_and_destroys_the_backends) {
+    const connection first(conf(), loop);
+    const std::weak_ptr<subscriber::backend> old_subscriber = subscriber::backend::instance;
+    const std::weak_ptr<publisher::backend> old_publisher = publisher::backend::instance;
+    const connection second(conf(), loop);
+    EXPECT_TRUE(old_subscriber.expired());
+    EXPECT_TRUE(old_publisher.expired());
+}
+
+TEST_F(a_connection, to_a_missing_library_or_one_without_the_factory_names_both) {
+    EXPECT_THAT(failure_of({.backend = "nowhere"}),
+                AllOf(HasSubstr("libvesk-nowhere.so"), HasSubstr("tolvan_vesk_v1_connection_impl")));
+    EXPECT_THAT(failure_of({.backend = LIBRARY_WITHOUT_FACTORY}),
+                AllOf(HasSubstr(LIBRARY_WITHOUT_FACTORY), HasSubstr("tolvan_vesk_v1_connection_impl")));
+}
+
+TEST_F(a_connection, is_needed_to_use_a_bus_object_but_not_to_destroy_one) {
+    subscriber receiver;
+    publisher sender;
+    EXPECT_THROW(sender.publish("a", "b"), std::logic_error);
+    EXPECT_THROW(receiver.subscribe("a", nullptr, nullptr), std::logic_error);
+    receiver.revoke_subscriptions();
+}
+
+TEST(a_named_client, without_a_uuid_has_an_identity_of_its_own_that_no_topic_is_cut_at) {
+    subscriber one;
+    const subscriber two;
+    EXPECT_THAT(one.get_uuid_or_luid(), testing::MatchesRegex("luid-[0-9]+-[0-9]+"));
+    EXPECT_NE(one.get_uuid_or_luid(), two.get_uuid_or_luid());
+    one.set_uuid("svc");
+    EXPECT_EQ("svc", one.get_uuid_or_luid());
+}
+
+TEST(a_socket, hands_its_handle_on_by_assignment_and_survives_its_own) {
+    vesk::hub::socket sub(ZMQ_SUB);
+    vesk::hub::socket xpub(ZMQ_XPUB);
+    const zsock_t* const handle = xpub.get();
+    vesk::hub::socket& same = xpub;
+    xpub = std::move(same);
+    EXPECT_EQ(handle, xpub.get());
+    sub = std::move(xpub);
+    EXPECT_EQ(handle, sub.get());
+    EXPECT_STREQ("XPUB", zsock_type_str(sub.get()));
+    static_assert(!std::is_copy_constructible_v<vesk::hub::socket>);
+}
+
+}  // namespace

@@ -1,0 +1,134 @@
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <stdexcept>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <tolvan/lumo/v1/log.hpp>
+
+#include "support/captured_log.hpp"
+
+namespace {
+
+std::size_t allocations = 0;
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+    ++allocations;
+    if (void* const memory = std::malloc(size)) return memory;
+    throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+
+namespace {
+
+using tolvan::test::captured_log;
+namespace lumo = tolvan::lumo::v1;
+using milliseconds = std::chrono::duration<long long, std::milli>;
+
+// The text that a call makes.
+template <typename... Arguments>
+std::string text_of(const char* format, const Arguments&... arguments) {
+    std::string text;
+    const auto registration =
+        lumo::add_sink(lumo::trace, [&](const lumo::log_entry& entry) { text = entry.text; });
+    EXPECT_TRUE(lumo::log(0, "file", 1, "function", format, arguments...));
+    return text;
+}
+
+TEST(log_text, puts_each_argument_in_the_place_of_its_placeholder) {
+    EXPECT_EQ("no placeholder", text_of("no placeholder"));
+    EXPECT_EQ("a=1, b=two.", text_of("a={}, b={}.", 1, std::string("two")));
+    EXPECT_EQ("1 {} {:x}", text_of("{} {} {:x}", 1)) << "surplus placeholders stand as they are";
+    EXPECT_EQ("1", text_of("{}", 1, 2)) << "surplus arguments are not printed";
+    EXPECT_EQ("{ 1 } {x}", text_of("{ {} } {x}", 1)) << "other braces stand for themselves";
+    EXPECT_EQ("   7|007", text_of("{:>4}|{:03}", 7, 7));
+    EXPECT_EQ("7", text_of("{:%Q%j}", 7)) << "an unsuitable specification does not cost the value";
+}
+
+TEST(log_text, prints_every_type_that_calls_pass) {
+    const char* const null_text = nullptr;
+    const char* const text = "text";
+    const std::runtime_error error("");
+    const std::exception& base = error;
+    EXPECT_EQ("(null) text", text_of("{} {}", null_text, text));
+    EXPECT_EQ("-2147483648 4294967295", text_of("{} {}", std::int32_t(-2147483647 - 1), 4294967295U));
+    EXPECT_EQ("65535 255 true false", text_of("{} {} {} {}", static_cast<unsigned short>(65535),
+                                              static_cast<unsigned char>(255), true, false));
+    EXPECT_EQ("St13runtime_error", text_of("{}", typeid(base)));
+    EXPECT_EQ("-12ms", text_of("{}", milliseconds(-12)));
+}
+
+TEST(log_text, that_does_not_fit_is_cut_behind_a_whole_character) {
+    const std::string filler(4090, 'x');
+    EXPECT_EQ(filler + "12345", text_of("{}{}", filler, std::string("1234567")));
+    EXPECT_EQ(filler + "1234", text_of("{}{}!", filler, std::string("1234ä7"))) << "nothing follows the cut";
+    EXPECT_EQ(filler + "12", text_of("{}12€", filler).substr(0, 4092));
+    EXPECT_EQ(4095U, text_of("{}", std::string(1 << 20, 'y')).size());
+    EXPECT_EQ(4093U, text_of("{}{}", std::string(4093, 'x'), std::string("€")).size());
+}
+
+TEST(log_text, cannot_forge_a_line) {
+    const std::string hostile("a\nb\tc\x7f\x1b[31m\0d ä", 16);
+    EXPECT_EQ("a?b?c??[31m?d ä", text_of("{}", hostile));
+    lumo::detail::scrub_buffer = false;
+    EXPECT_EQ("a\nb", text_of("{}", std::string("a\nb")));
+    lumo::detail::scrub_buffer = true;
+}
+
+TEST(log_call, that_the_gate_refuses_does_not_evaluate_its_arguments) {
+    int evaluated = 0;
+    const auto argument = [&evaluated] { return ++evaluated; };
+    LUMO_LOG(0, "file", "function", "{}", argument());
+    EXPECT_EQ(0, evaluated) << "without sinks not even errors are made";
+    const captured_log log(lumo::statistics);
+    for (int level = 0; level <= 3; ++level) LUMO_LOG(level, "file", "function", "{}", argument());
+    EXPECT_EQ(3, evaluated);
+    EXPECT_EQ((std::vector<std::string>{"0 file function: 1", "1 file function: 2", "2 file function: 3"}),
+              log.lines);
+}
+
+TEST(log_call, that_is_admitted_allocates_nothing) {
+    const std::string text(5000, 'x');
+    const std::runtime_error error("text");
+    unsigned records = 0;
+    const auto registration = lumo::add_sink(lumo::trace, [&records](const lumo::log_entry&) { ++records; });
+    const std::size_t before = allocations;
+    LUMO_LOG(0, "file", "function", "{} {} {}", 1, static_cast<unsigned short>(2), true);
+    LUMO_LOG(0, "file", "function", "{} {}", typeid(error), error.what());
+    LUMO_LOG(0, "file", "function", "{} {} {:>10}", static_cast<unsigned char>(3), milliseconds(4), text);
+    EXPECT_EQ(before, allocations);
+    EXPECT_EQ(3U, records);
+}
+
+TEST(sinks, come_and_go_one_by_one_and_may_throw) {
+    captured_log errors(lumo::error);
+    auto traces = std::make_unique<captured_log>(lumo::trace);
+    const auto throwing = lumo::add_sink(lumo::trace, [](const lumo::log_entry&) { throw 1; });
+    captured_log behind(lumo::trace);
+    LUMO_LOG(3, "file", "function", "one");
+    LUMO_LOG(0, "file", "function", "two");
+    EXPECT_EQ(1U, errors.lines.size());
+    EXPECT_EQ(2U, traces->lines.size());
+    EXPECT_EQ(2U, behind.lines.size());
+    traces.reset();
+    EXPECT_EQ(3, lumo::detail::highest_sink_level);
+    LUMO_LOG(0, "file", "function", "three");
+    EXPECT_EQ(2U, errors.lines.size());
+}
+
+TEST(sinks, that_are_gone_shut_the_gate) {
+    { const captured_log log; }
+    EXPECT_EQ(-1, lumo::detail::highest_sink_level);
+}
+
+}  // namespace

@@ -1,0 +1,90 @@
+#pragma once
+
+#include <cstring>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include <czmq.h>
+#include <gtest/gtest.h>
+
+#include <tolvan/vesk/hub/hub_message.hpp>
+
+namespace tolvan::test {
+
+using frames = std::vector<std::string>;
+
+/// The hub's side of both sockets, held by the test itself: what the library sends can be read frame by
+/// frame, and any message can be put before it.
+class hub_sides {
+  public:
+    hub_sides()
+        : names(std::to_string(++instances)),
+          publishing(zsock_new(ZMQ_SUB)),
+          subscription(zsock_new(ZMQ_XPUB)) {
+        zsock_set_subscribe(publishing, "");
+        for (zsock_t* side : {publishing, subscription}) {
+            zsock_set_rcvtimeo(side, 20'000);
+            zsock_set_sndhwm(side, 0);
+        }
+        EXPECT_EQ(0, zsock_bind(publishing, "%s", pub_endpoint().c_str()));
+        EXPECT_EQ(0, zsock_bind(subscription, "%s", sub_endpoint().c_str()));
+    }
+    hub_sides(const hub_sides&) = delete;
+    hub_sides& operator=(const hub_sides&) = delete;
+    ~hub_sides() {
+        zsock_destroy(&publishing);
+        zsock_destroy(&subscription);
+    }
+
+    std::string pub_endpoint() const { return "inproc://pub-" + names; }
+    std::string sub_endpoint() const { return "inproc://sub-" + names; }
+
+    /// Lets the publishing side take note of a library that has connected, and subscribe there. Over inproc a
+    /// socket does so only when it is asked something.
+    void meet_publisher() { zsock_events(publishing); }
+
+    /// The next message that the library has published.
+    frames published() { return receive(publishing); }
+
+    /// The next filter that the library has set (byte 1, then the topic) or removed (byte 0, then the topic).
+    std::string filter() {
+        const frames received = receive(subscription);
+        return received.empty() ? "nothing" : received.front();
+    }
+
+    /// Sends any message to the library.
+    void relay(const frames& message) {
+        zmsg_t* sent = zmsg_new();
+        for (const auto& frame : message) zmsg_addmem(sent, frame.data(), frame.size());
+        EXPECT_EQ(0, zmsg_send(&sent, subscription));
+    }
+
+    /// Sends a message as another process would publish it.
+    void relay(const std::string& topic, const std::string& data, std::int64_t timestamp_ms = 0) {
+        relay({topic, data, metadata(timestamp_ms)});
+    }
+
+    static std::string metadata(std::int64_t timestamp_ms) {
+        const vesk::hub::metadata_t record{.timestamp_ms = timestamp_ms};
+        return {reinterpret_cast<const char*>(&record), sizeof record};
+    }
+
+  private:
+    static frames receive(zsock_t* side) {
+        frames received;
+        zmsg_t* message = zmsg_recv(side);
+        EXPECT_NE(nullptr, message) << "nothing came";
+        for (zframe_t* frame = message ? zmsg_first(message) : nullptr; frame; frame = zmsg_next(message))
+            received.emplace_back(reinterpret_cast<const char*>(zframe_data(frame)), zframe_size(frame));
+        zmsg_destroy(&message);
+        return received;
+    }
+
+    static inline int instances = 0;
+    const std::string names;
+    zsock_t* publishing;
+    zsock_t* subscription;
+};
+
+}  // namespace tolvan::test

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include <tolvan/vesk/v1/publisher.hpp>
+#include <tolvan/vesk/v1/subscriber.hpp>
+
+#include "session.hpp"
+
+namespace tolvan::vesk::tool {
+
+/// The topics of probes begin with this; they are nobody's messages.
+inline constexpr const char* probe_prefix = "vesk.probe.";
+
+/// Numbered markers that go to the hub and come back. Messages of a process keep their order on both roads: a
+/// marker that is back says that the hub has relayed everything published before it, and that it knows
+/// every subscription made before.
+class echo {
+  public:
+    using number = std::uint64_t;
+
+    /// Subscribes to a probe topic of its own; `returned` is called with the number of each marker that comes
+    /// back, at receipt.
+    explicit echo(std::function<void(number)> returned);
+
+    void send(number marker);
+
+  private:
+    std::string topic;
+    v1::subscriber subscriber;
+    v1::publisher publisher;
+};
+
+/// Sends markers until the first one is back, then calls `ready` once. Waits without limit for a hub that is
+/// not there yet; released, it stops.
+class readiness {
+  public:
+    readiness(session& on, std::function<void()> ready);
+
+  private:
+    void send_again();
+
+    session& process;
+    std::function<void()> when_ready;
+    session::timer next;
+    echo probe;
+};
+
+}  // namespace tolvan::vesk::tool

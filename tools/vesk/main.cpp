@@ -1,0 +1,44 @@
+#include <exception>
+#include <iostream>
+
+#include <CLI/CLI.hpp>
+
+#include "commands.hpp"
+#include "exit_code.hpp"
+
+namespace tolvan::vesk::tool {
+
+namespace {
+
+int run(int argc, char** argv) {
+    CLI::App app("Shows the vesk message bus at work: runs its hub, publishes and subscribes.", "vesk");
+    app.set_version_flag("--version", "vesk " VESK_VERSION);
+    app.require_subcommand(1);
+    app.fallthrough();
+
+    common_options common;
+    chosen_command chosen;
+    add_common_options(app, common);
+    add_hub_command(app, common, chosen);
+    add_pub_command(app, common, chosen);
+    add_sub_command(app, common, chosen);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? done : wrong_usage;
+    }
+    return chosen();
+}
+
+}  // namespace
+
+}  // namespace tolvan::vesk::tool
+
+int main(int argc, char** argv) {
+    try {
+        return tolvan::vesk::tool::run(argc, argv);
+    } catch (const std::exception& error) {
+        std::cerr << "vesk: " << error.what() << '\n';
+        return tolvan::vesk::tool::failed;
+    }
+}
