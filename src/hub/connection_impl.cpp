@@ -3,6 +3,8 @@
 
 #include <tolvan/vesk/hub/connection_impl.hpp>
 #include <tolvan/vesk/hub/publisher_impl.hpp>
+#include <tolvan/vesk/hub/reqrep_client_impl.hpp>
+#include <tolvan/vesk/hub/reqrep_server_impl.hpp>
 #include <tolvan/vesk/hub/subscriber_impl.hpp>
 
 namespace tolvan::vesk::hub {
@@ -17,6 +19,8 @@ void connection_impl::initialize(v1::conf_t&& conf) {
     v1::subscriber::backend::instance = std::make_shared<subscriber_impl>(event_loop, conf.sub_endpoint);
     v1::publisher::backend::instance =
         std::make_shared<publisher_impl>(conf.pub_endpoint, conf.block_on_first_publish);
+    v1::reqrep_client::backend::instance = std::make_shared<reqrep_client_impl>(event_loop);
+    v1::reqrep_server::backend::instance = std::make_shared<reqrep_server_impl>();
 }
 
 void connection_impl::set_service_name(const std::string& /*name*/) {}

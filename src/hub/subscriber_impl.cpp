@@ -62,7 +62,9 @@ subscriber_impl::subscriber_impl(std::shared_ptr<event_loop_v1> loop, const std:
         throw std::runtime_error("could not connect to ZMQ subscription socket at " + endpoint + ", reason " +
                                  std::to_string(rc));
     event_loop->watch_fd(sub_socket.file_desc(), 0, [this](auto, auto) { subscription_handler(); });
-    sub_socket.poll_events();  // a socket signals only after it was found empty once; without a filter it is
+    // The descriptor signals messages only once the socket has been asked and found empty. Without a filter
+    // it is empty, so nothing is missed by asking here.
+    sub_socket.poll_events();
 }
 
 subscriber_impl::~subscriber_impl() {

@@ -23,6 +23,8 @@ class hub_sides {
           publishing(zsock_new(ZMQ_SUB)),
           subscription(zsock_new(ZMQ_XPUB)) {
         zsock_set_subscribe(publishing, "");
+        zsock_set_xpub_verbose(subscription,
+                               1);  // also shows a filter that an earlier library has left behind
         for (zsock_t* side : {publishing, subscription}) {
             zsock_set_rcvtimeo(side, 20'000);
             zsock_set_sndhwm(side, 0);

@@ -23,6 +23,7 @@ class manual_event_loop final : public event_loop_v1 {
     std::vector<std::pair<std::string, long long>> made_timers;
 
     void watch_fd(file_desc fd, int, std::function<void(file_desc, poll_events)> callback) override {
+        if (watches.contains(fd.value)) throw std::logic_error("watched twice");
         watches[fd.value] = std::make_shared<decltype(callback)>(std::move(callback));
     }
 

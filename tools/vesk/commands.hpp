@@ -15,5 +15,7 @@ using chosen_command = std::function<int()>;
 void add_hub_command(CLI::App& app, const common_options& common, chosen_command& chosen);
 void add_pub_command(CLI::App& app, const common_options& common, chosen_command& chosen);
 void add_sub_command(CLI::App& app, const common_options& common, chosen_command& chosen);
+void add_request_command(CLI::App& app, const common_options& common, chosen_command& chosen);
+void add_serve_command(CLI::App& app, const common_options& common, chosen_command& chosen);
 
 }  // namespace tolvan::vesk::tool

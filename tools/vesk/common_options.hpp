@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
@@ -17,11 +18,21 @@ struct common_options {
     std::string hub() const { return pub_endpoint + " and " + sub_endpoint; }
 };
 
-/// Adds the options to `app`, with their environment variables and defaults.
+/// Adds the options to `app`, with their environment variables.
 void add_common_options(CLI::App& app, common_options& options);
+
+/// Gives endpoints that were not named their defaults. Throws std::runtime_error when others can get at them.
+void complete(common_options& options);
 
 /// A number of seconds, more than 0.
 using seconds = std::chrono::duration<double>;
+
+/// The arguments for CLI11 to parse. It would take a text such as "[a,b]" for two; here they are shielded
+/// from that, and `verbatim` takes the shield away.
+std::vector<std::string> shielded(int argc, char** argv);
+
+/// Makes an option take its texts as they stand. To be called before checks are added.
+CLI::Option* verbatim(CLI::Option* option);
 
 /// Adds an option that takes seconds.
 CLI::Option* add_seconds(CLI::App& app, const std::string& name, seconds& value,

@@ -22,15 +22,13 @@ std::string own_topic() {
 echo::echo(std::function<void(number)> returned) : topic(own_topic()) {
     const auto number_at = topic.size() + 1;
     subscriber.subscribe(
-        topic,
-        [number_at, returned = std::move(returned)](const std::string& marker) {
+        topic, nullptr, [number_at, returned = std::move(returned)](const std::string& marker, const auto&) {
             number returned_number = 0;
             const char* const end = marker.data() + marker.size();
             const auto parsed =
                 std::from_chars(marker.data() + std::min(number_at, marker.size()), end, returned_number);
             if (parsed.ec == std::errc() && parsed.ptr == end) returned(returned_number);
-        },
-        [](const std::string&, const std::string&) {});
+        });
 }
 
 void echo::send(number marker) {

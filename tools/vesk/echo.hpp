@@ -22,7 +22,7 @@ class echo {
     using number = std::uint64_t;
 
     /// Subscribes to a probe topic of its own; `returned` is called with the number of each marker that comes
-    /// back, at receipt.
+    /// back, at most one per millisecond.
     explicit echo(std::function<void(number)> returned);
 
     void send(number marker);

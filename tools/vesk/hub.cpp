@@ -31,9 +31,10 @@ void tell_counters(relay::hub& hub) {
 bool wait_for_signal(const termination_signals& signals, seconds interval) {
     const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(interval);
     pollfd waited = {signals.descriptor(), POLLIN, 0};
-    const int ready =
-        ::poll(&waited, 1, milliseconds.count() == 0 ? -1 : static_cast<int>(milliseconds.count()));
-    if (ready < 0 && errno != EINTR) throw std::system_error(errno, std::generic_category(), "poll");
+    const int timeout = milliseconds.count() == 0 ? -1 : static_cast<int>(milliseconds.count());
+    const int ready = ::poll(&waited, 1, timeout);
+    if (ready < 0 && errno == EINTR) return wait_for_signal(signals, interval);
+    if (ready < 0) throw std::system_error(errno, std::generic_category(), "poll");
     return ready > 0;
 }
 

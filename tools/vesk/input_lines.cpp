@@ -27,8 +27,8 @@ std::optional<std::string> input_lines::next() {
 
 void input_lines::await_more(std::function<void()> callback) {
     if (on_piece) return;
-    on_piece = std::move(callback);
     events.watch_fd(fd, 0, [this](auto, auto) { read_piece(); });
+    on_piece = std::move(callback);
 }
 
 void input_lines::read_piece() {

@@ -2,6 +2,8 @@
 #include <iostream>
 
 #include <CLI/CLI.hpp>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include "commands.hpp"
 #include "exit_code.hpp"
@@ -10,8 +12,20 @@ namespace tolvan::vesk::tool {
 
 namespace {
 
+// Without them the next files to be opened would get their numbers.
+void open_missing_standard_streams() {
+    while (true) {
+        const int fd = ::open("/dev/null", O_RDWR);
+        if (fd > STDERR_FILENO) ::close(fd);
+        if (fd < 0 || fd > STDERR_FILENO) return;
+    }
+}
+
 int run(int argc, char** argv) {
-    CLI::App app("Shows the vesk message bus at work: runs its hub, publishes and subscribes.", "vesk");
+    open_missing_standard_streams();
+    CLI::App app(
+        "Shows the vesk message bus at work: runs its hub, publishes, subscribes, requests and serves.",
+        "vesk");
     app.set_version_flag("--version", "vesk " VESK_VERSION);
     app.require_subcommand(1);
     app.fallthrough();
@@ -22,11 +36,14 @@ int run(int argc, char** argv) {
     add_hub_command(app, common, chosen);
     add_pub_command(app, common, chosen);
     add_sub_command(app, common, chosen);
+    add_request_command(app, common, chosen);
+    add_serve_command(app, common, chosen);
     try {
-        app.parse(argc, argv);
+        app.parse(shielded(argc, argv));
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? done : wrong_usage;
     }
+    complete(common);
     return chosen();
 }
 

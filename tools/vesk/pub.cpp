@@ -1,3 +1,4 @@
+#include <deque>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -14,8 +15,11 @@ namespace tolvan::vesk::tool {
 
 namespace {
 
-// A publisher that runs ahead of the hub loses messages silently. So every 200 messages a marker follows
-// them, and as long as 400 are not confirmed by a marker that came back, no more are sent.
+// A publisher that runs ahead of its hub, or whose hub goes away, loses messages silently: ZeroMQ gives it
+// credit for 500 messages at a time, and has it look for new credit about once a millisecond. So a marker
+// follows every 200 messages and every pause, and while 400 messages are not confirmed by a marker that came
+// back, no more are sent. Markers come back one per millisecond, and count in their order only: behind one
+// that is lost nothing is confirmed.
 constexpr std::uint64_t messages_per_marker = 200;
 constexpr std::uint64_t most_unconfirmed = 400;
 
@@ -39,7 +43,8 @@ class pub_command {
 
     int run() {
         const int status = process.run();
-        if (status != done) tell(fmt::format("{} of {} messages are not confirmed", sent - confirmed, sent));
+        if (status != done && sent > 0)
+            tell(fmt::format("{} of {} messages are not confirmed", sent - confirmed, sent));
         return status;
     }
 
@@ -61,10 +66,12 @@ class pub_command {
             } else if (input.at_end()) {
                 end_of_messages = true;
             } else {
-                return input.await_more([this] { publish_lines(); });
+                input.await_more([this] { publish_lines(); });
+                break;
             }
         }
-        if (end_of_messages) finish_or_await();
+        if (outstanding_markers.empty() && sent != confirmed) send_marker();
+        if (end_of_messages && sent == confirmed) process.finish(done);
     }
 
     void publish(const std::string& data) {
@@ -76,22 +83,18 @@ class pub_command {
     }
 
     void send_marker() {
-        marked = sent;
+        outstanding_markers.push_back(sent);
         markers.send(sent);
         if (!answer_deadline) expect_answer();
     }
 
     void confirm(echo::number marker) {
-        if (marker <= confirmed || marker > sent) return;
+        if (outstanding_markers.empty() || marker != outstanding_markers.front()) return;
+        outstanding_markers.pop_front();
         confirmed = marker;
         answer_deadline.reset();
-        if (marked > confirmed) expect_answer();
+        if (!outstanding_markers.empty()) expect_answer();
         publish_lines();
-    }
-
-    void finish_or_await() {
-        if (confirmed == sent) return process.finish(done);
-        if (marked != sent) send_marker();
     }
 
     void expect_answer() {
@@ -110,8 +113,8 @@ class pub_command {
     readiness probe;
     session::timer answer_deadline;
     std::uint64_t sent = 0;
-    std::uint64_t marked = 0;     ///< so many were sent when the last marker went out
-    std::uint64_t confirmed = 0;  ///< so many the hub has relayed for certain
+    std::uint64_t confirmed = 0;                   ///< so many the hub has relayed for certain
+    std::deque<echo::number> outstanding_markers;  ///< each is the number of messages sent before it
     bool end_of_messages = false;
 };
 
@@ -121,9 +124,10 @@ void add_pub_command(CLI::App& app, const common_options& common, chosen_command
     const auto options = std::make_shared<pub_options>();
     CLI::App& command = *app.add_subcommand(
         "pub", "Publish DATA, or each line of stdin; done when the hub has relayed every message");
-    command.add_option("TOPIC", options->topic, "Topic; up to and including a \":\" it is for the log alone")
+    verbatim(command.add_option("TOPIC", options->topic,
+                                "Topic; up to and including a \":\" it is for the log alone"))
         ->required();
-    command.add_option("DATA", options->data, "One message; without it each line of stdin is one");
+    verbatim(command.add_option("DATA", options->data, "One message; without it each line of stdin is one"));
     add_seconds(command, "--timeout", options->timeout, "Give up when the hub has not answered for so long")
         ->default_str("5");
     command.callback([&common, &chosen, options] {

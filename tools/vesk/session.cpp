@@ -64,7 +64,7 @@ session::timer session::after(seconds delay, std::function<void()> callback) {
 }
 
 void tell(const std::string& text) {
-    std::cerr << "vesk: " << text << std::endl;
+    std::cerr << "vesk: " + text + "\n";
 }
 
 }  // namespace tolvan::vesk::tool

@@ -72,8 +72,8 @@ class sub_command {
 void add_sub_command(CLI::App& app, const common_options& common, chosen_command& chosen) {
     const auto options = std::make_shared<sub_options>();
     CLI::App& command = *app.add_subcommand("sub", "Print what is published, as TOPIC DATA");
-    command.add_option("TOPIC", options->topics,
-                       "Topics; each stands for all that go on after it with a \".\"");
+    verbatim(command.add_option("TOPIC", options->topics,
+                                "Topics; each stands for all that go on after it with a \".\""));
     command.add_flag("--json", options->json,
                      "Print one JSON object a line: topic, data, time_ms (Unix time)");
     command.add_option("--count", options->count, "End after so many messages")->check(CLI::PositiveNumber);

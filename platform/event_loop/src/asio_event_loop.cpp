@@ -109,11 +109,13 @@ void asio_event_loop::run() {
     if (loop->running) throw std::logic_error("event loop: run() was called from inside run()");
     struct running_mark {
         const std::shared_ptr<state> loop;
-        ~running_mark() { loop->running = false; }
+        ~running_mark() {
+            loop->running = false;
+            loop->io->restart();
+        }
     } const mark{loop};
     mark.loop->running = true;
     mark.loop->io->run();
-    mark.loop->io->restart();
 }
 
 void asio_event_loop::stop() {

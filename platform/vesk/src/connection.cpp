@@ -5,6 +5,8 @@
 
 #include <tolvan/vesk/v1/connection.hpp>
 #include <tolvan/vesk/v1/publisher.hpp>
+#include <tolvan/vesk/v1/reqrep_client.hpp>
+#include <tolvan/vesk/v1/reqrep_server.hpp>
 #include <tolvan/vesk/v1/subscriber.hpp>
 
 namespace tolvan::vesk::v1 {
@@ -34,6 +36,8 @@ factory_function* load_factory(const std::string& library) {
 std::unique_ptr<connection::impl> make_transport(const std::string& backend) {
     connection::impl* made = nullptr;
     load_factory(library_of(backend))(&made);
+    if (made == nullptr)
+        throw std::runtime_error("vesk backend " + library_of(backend) + " made no connection");
     return std::unique_ptr<connection::impl>(made);
 }
 
@@ -56,6 +60,7 @@ connection::connection(conf_t conf, std::shared_ptr<event_loop_v1> loop)
     struct at_end {
         ~at_end() { release_backends_at_exit(); }  // also when initialize throws half-way
     } const registration;
+    if (!loop) throw std::invalid_argument("a vesk connection needs an event loop");
     transport->set_event_loop(std::move(loop));
     transport->initialize(std::move(conf));
 }
@@ -68,6 +73,8 @@ void connection::set_service_name(const std::string& name) {
 }
 
 void release_backends() {
+    reqrep_server::backend::instance.reset();
+    reqrep_client::backend::instance.reset();
     publisher::backend::instance.reset();
     subscriber::backend::instance.reset();
 }

@@ -8,16 +8,15 @@
 // everywhere:
 //
 // 1. What runs stands still. A callback is stored as `shareable(callback)` and called through `call_out`,
-// which
-//    holds on to the callable until it has returned, whatever happens to the stored one meanwhile.
+//    which holds on to the callable until it has returned, whatever happens to the stored one meanwhile.
 //
 // 2. After a call, look again. A backend takes `const auto self = weak_from_this()` before it calls out. When
 //    `self.expired()` afterwards, also after an exception, it returns at once and touches nothing. Otherwise
 //    it looks up again whatever it was walking.
 //
 // 3. Unlink first, destroy last. Destroying a callback destroys what it has captured, and that may call the
-// bus
-//    too: callbacks are moved out of the tables, the tables are made consistent, and only then do they go.
+//    bus too: callbacks are moved out of the tables, the tables are made consistent, and only then do they
+//    go.
 
 #include <functional>
 #include <memory>

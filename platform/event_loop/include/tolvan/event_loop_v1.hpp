@@ -60,8 +60,8 @@ class event_loop_v1 {
     virtual milliseconds now() = 0;
 
     /// Starts a one-shot timer that calls `callback` when the clock reaches `now() + delay`; with a delay of
-    /// 0 or less on the loop's next turn. `name` says what the timer is for; a loop may show it. `reserved`
-    /// must be 0: anything else throws std::invalid_argument.
+    /// 0 or less on the loop's next turn. Timers of the same due time fire in any order. `name` says what the
+    /// timer is for; a loop may show it. `reserved` must be 0: anything else throws std::invalid_argument.
     virtual holder<timer_impl_base> create_timer(const char* name, milliseconds delay, milliseconds reserved,
                                                  std::function<void()> callback) = 0;
 };

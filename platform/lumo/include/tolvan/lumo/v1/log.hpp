@@ -46,7 +46,8 @@ struct log_entry {
     void write_to_sinks() const;
 };
 
-/// Receives records on the thread that made the log call. May add and remove sinks.
+/// Receives records on the thread that made the log call. May add and remove sinks, but must not
+/// call what makes log calls.
 using sink = std::function<void(const log_entry&)>;
 
 /// Ends the registration of a sink when it is destroyed.

@@ -30,9 +30,9 @@ using printed_milliseconds = std::chrono::duration<long long, std::milli>;
 LUMO_DECLARE_PRINTER(printed_milliseconds, printed_milliseconds value);  // prints "12ms"
 #undef LUMO_DECLARE_PRINTER
 
-/// The printer of a call argument; a text is the same text whether or not it may be written to.
+/// The printer of a call argument; all C texts are the same.
 template <typename T>
-using printer_of = var_printer<std::conditional_t<std::is_same_v<T, const char*>, char*, T>>;
+using printer_of = var_printer<std::conditional_t<std::is_convertible_v<const T&, const char*>, char*, T>>;
 
 /// Formats one message into a buffer of its own, wherever the caller has placed it: on the stack.
 ///

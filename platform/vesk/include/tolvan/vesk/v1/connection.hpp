@@ -17,7 +17,7 @@ class connection {
     /// Loads the transport that `conf.backend` names and initialises it on `loop`. The library stays loaded
     /// for the life of the process. Throws std::runtime_error that names the library and the symbol when
     /// there is no such library or it is no transport, and what the transport throws when it cannot
-    /// initialise; backends that it had installed by then stay.
+    /// initialise; backends that it had installed by then stay. Throws std::invalid_argument without a loop.
     ///
     /// A second connection replaces the backends of the first: their subscriptions and requests are gone.
     /// When it fails half-way, make another one: the backends of two connections do not work together.
@@ -51,7 +51,8 @@ class connection::impl {
 };
 
 /// Empties the backend slots, the one installed last first: outstanding requests and subscriptions end
-/// without a call. Runs by itself at the end of the process.
+/// without a call. Runs by itself at the end of the process. What their callbacks have captured is destroyed
+/// meanwhile; a destructor that publishes finds no backend then, and must not let that exception out.
 void release_backends();
 
 }  // namespace tolvan::vesk::v1

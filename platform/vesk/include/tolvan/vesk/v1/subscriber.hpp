@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include <tolvan/sedes/v1/json.hpp>
 #include <tolvan/vesk/v1/named_client.hpp>
 
 namespace tolvan::vesk::v1 {
@@ -28,6 +29,18 @@ class subscriber : public named_client {
     /// topics. Subscribing again to the same topic replaces the callbacks. Throws std::logic_error without an
     /// installed backend.
     void subscribe(const std::string& topic, notify_callback&& notify, handle_callback&& handle);
+
+    /// The same with data that is decoded from JSON first. What cannot be decoded is logged and dropped.
+    template <typename T>
+    void subscribe(const std::string& topic, notify_callback&& notify,
+                   std::function<void(const std::string& topic, T decoded)>&& handle) {
+        subscribe(topic, std::move(notify),
+                  [handle = std::move(handle)](const std::string& received, const std::string& data) {
+                      T decoded{};
+                      sedes::v1::deserialize_from_json_string(data, &decoded);
+                      handle(received, std::move(decoded));
+                  });
+    }
 
     /// Ends all subscriptions of this object; messages that were received but not yet handled are dropped.
     /// Does nothing without an installed backend.

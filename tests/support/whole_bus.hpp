@@ -1,0 +1,89 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <tolvan/vesk/hub/connection_impl.hpp>
+#include <tolvan/vesk/v1/publisher.hpp>
+#include <tolvan/vesk/v1/reqrep_client.hpp>
+#include <tolvan/vesk/v1/reqrep_server.hpp>
+#include <tolvan/vesk/v1/subscriber.hpp>
+
+#include "captured_log.hpp"
+#include "hub_sides.hpp"
+#include "manual_event_loop.hpp"
+
+namespace tolvan::test {
+
+using texts = std::vector<std::string>;
+
+/// All four backends over real sockets, with a clock set by hand and the test as the hub.
+class whole_bus : public testing::Test {
+  protected:
+    whole_bus() {
+        loop->clock = event_loop_v1::milliseconds(0);  // no latency report for an hour
+        initialize();
+    }
+    ~whole_bus() override { vesk::v1::release_backends(); }
+
+    void initialize() {
+        vesk::hub::connection_impl connection;
+        connection.set_event_loop(loop);
+        connection.initialize({.pub_endpoint = hub.pub_endpoint(), .sub_endpoint = hub.sub_endpoint()});
+        hub.meet_publisher();
+    }
+
+    /// Relays a message and waits until the library has noted its receipt in the log.
+    void relay(const std::string& topic, const std::string& data) {
+        const auto before = log.lines.size();
+        hub.relay(topic, data);
+        loop->run_until([&] { return log.lines.size() > before; });
+    }
+
+    /// Topic and data of the next message that was published.
+    std::pair<std::string, std::string> published() {
+        const frames message = hub.published();
+        return message.size() == 3 ? std::pair(message[0], message[1])
+                                   : std::pair<std::string, std::string>();
+    }
+
+    /// The texts that were logged since the last call, of a level up to `most_verbose`.
+    texts logged(char most_verbose = '3') {
+        texts lines;
+        for (const auto& line : std::exchange(log.lines, {}))
+            if (line.front() <= most_verbose) lines.push_back(line);
+        return lines;
+    }
+
+    hub_sides hub;
+    std::shared_ptr<manual_event_loop> loop = std::make_shared<manual_event_loop>();
+    captured_log log;
+};
+
+/// A publisher backend that keeps what is published, or refuses it.
+class kept_publications : public vesk::v1::publisher::backend {
+  public:
+    void publish(vesk::v1::publisher*, const std::string& topic, const std::string& data) override {
+        if (refuse) throw std::runtime_error("refused");
+        if (keep) messages.emplace_back(topic, data);
+    }
+
+    bool refuse = false;
+    bool keep = true;
+    std::vector<std::pair<std::string, std::string>> messages;
+};
+
+/// "TYPE: TEXT" of an exception.
+inline std::string described(const std::exception_ptr& failure) {
+    try {
+        std::rethrow_exception(failure);
+    } catch (const std::exception& error) {
+        return std::string(typeid(error).name()) + ": " + error.what();
+    }
+}
+
+}  // namespace tolvan::test

@@ -1,0 +1,154 @@
+#include <list>
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+#include <sys/wait.h>
+
+#include <tolvan/Variant.hpp>
+#include <tolvan/sedes/v1/opaque_json_block.hpp>
+#include <tolvan/vesk/v1/reqrep_server.hpp>
+
+#include "child_process.hpp"
+#include "commands.hpp"
+#include "echo.hpp"
+#include "exit_code.hpp"
+#include "validators.hpp"
+
+namespace tolvan::vesk::tool {
+
+namespace {
+
+using sedes::v1::opaque_json_block;
+using v1::reqrep_server;
+
+struct serve_options {
+    std::string id;
+    std::string command;
+    bool no_reply = false;
+    bool echo = false;
+    std::vector<std::string> program;
+};
+
+std::string without_trailing_breaks(const std::string& text) {
+    const std::size_t last = text.find_last_not_of("\r\n");
+    return last == std::string::npos ? "" : text.substr(0, last + 1);
+}
+
+std::string how_it_ended(int wait_status) {
+    if (WIFSIGNALED(wait_status))
+        return "the program was killed by signal " + std::to_string(WTERMSIG(wait_status));
+    if (WEXITSTATUS(wait_status) != 0)
+        return "the program exited with status " + std::to_string(WEXITSTATUS(wait_status));
+    return "the program gave no output";
+}
+
+bool succeeded(const child_process::outcome& ended) {
+    return WIFEXITED(ended.wait_status) && WEXITSTATUS(ended.wait_status) == 0;
+}
+
+std::string failure_of(const child_process::outcome& ended) {
+    if (ended.standard_output.size() > child_process::most_output)
+        return "the program's output is larger than a message may be";
+    const std::string errors = without_trailing_breaks(ended.standard_error);
+    return errors.empty() ? how_it_ended(ended.wait_status) : errors;
+}
+
+// The JSON text of the reply. Throws std::runtime_error with the text of the NACK when there is none.
+std::string reply_of(const child_process::outcome& ended) {
+    if (!succeeded(ended) || without_trailing_breaks(ended.standard_output).empty())
+        throw std::runtime_error(failure_of(ended));
+    try {
+        if (!Variant::fromJson(ended.standard_output).is_null()) return ended.standard_output;
+    } catch (const sedes::v1::bad_deserialization_source& error) {
+        throw std::runtime_error(std::string("the program's output is not JSON: ") + error.what());
+    }
+    throw std::runtime_error("the program's output is null, which cannot be a reply");
+}
+
+class serve_command {
+  public:
+    serve_command(const common_options& common, const serve_options& given)
+        : options(given), process(common, done) {
+        server.set_uuid(options.id);
+        server.set_command_handler<opaque_json_block>(
+            options.command, !options.no_reply,
+            [this](reqrep_server::request&& request, opaque_json_block&& payload) {
+                options.echo ? echo_back(request, payload)
+                             : run_program(std::move(request), payload.to_string());
+            });
+        probe = std::make_unique<readiness>(process, [] { tell("ready"); });
+    }
+
+    int run() { return process.run(); }
+
+  private:
+    void echo_back(const reqrep_server::request& request, const opaque_json_block& payload) const {
+        if (options.no_reply) return;
+        if (payload.variant().is_null())
+            throw std::runtime_error("the payload is null, which cannot be a reply");
+        request.reply(payload.to_string());
+    }
+
+    // What goes wrong before the program runs is thrown to the client.
+    void run_program(reqrep_server::request&& request, const std::string& payload) {
+        const auto place = programs.emplace(programs.end());
+        try {
+            *place = std::make_unique<child_process>(
+                process.loop(), options.program, payload,
+                [this, place, request = std::move(request)](const child_process::outcome& ended) {
+                    const auto finished = std::move(*place);
+                    programs.erase(place);
+                    answer(request, ended);
+                });
+        } catch (...) {
+            programs.erase(place);
+            throw;
+        }
+    }
+
+    void answer(const reqrep_server::request& request, const child_process::outcome& ended) const {
+        if (options.no_reply) {
+            if (!succeeded(ended)) tell(failure_of(ended));
+            return;
+        }
+        try {
+            request.reply(reply_of(ended));
+        } catch (const std::runtime_error& failure) {
+            request.fail(failure);
+        }
+    }
+
+    const serve_options& options;
+    session process;
+    std::list<std::unique_ptr<child_process>> programs;
+    reqrep_server server;
+    std::unique_ptr<readiness> probe;
+};
+
+}  // namespace
+
+void add_serve_command(CLI::App& app, const common_options& common, chosen_command& chosen) {
+    const auto options = std::make_shared<serve_options>();
+    CLI::App& command = *app.add_subcommand("serve", "Answer requests by running a program for each");
+    verbatim(command.add_option("ID", options->id, "Identity of the server"))
+        ->required()
+        ->check(without(".:"));
+    verbatim(command.add_option("COMMAND", options->command, "Command to answer"))
+        ->required()
+        ->check(without(":"));
+    command.add_flag("--no-reply", options->no_reply,
+                     "Acknowledge requests only; the program's output is dropped");
+    auto* const echo =
+        command.add_flag("--echo", options->echo, "Reply with the payload instead of running a program");
+    auto* const program = verbatim(command.add_option(
+        "PROGRAM", options->program, "Behind \"--\": gets the payload on stdin, gives the reply on stdout"));
+    echo->excludes(program);
+    command.callback([&common, &chosen, options] {
+        if (!options->echo && options->program.empty())
+            throw CLI::ValidationError("serve", "needs --echo, or \"--\" and a PROGRAM");
+        chosen = [&common, options] { return serve_command(common, *options).run(); };
+    });
+}
+
+}  // namespace tolvan::vesk::tool
