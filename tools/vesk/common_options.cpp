@@ -13,6 +13,8 @@ namespace tolvan::vesk::tool {
 
 namespace {
 
+constexpr const char* pub_endpoint_option = "--pub-endpoint";
+constexpr const char* sub_endpoint_option = "--sub-endpoint";
 constexpr char shield = '\x1f';
 
 std::string default_folder() {
@@ -36,11 +38,11 @@ void claim(const std::string& folder) {
 
 void add_common_options(CLI::App& app, common_options& options) {
     app.add_option(
-           "--pub-endpoint", options.pub_endpoint,
+           pub_endpoint_option, options.pub_endpoint,
            "Where the hub takes messages; by default the ipc socket \"pub\" in $XDG_RUNTIME_DIR/vesk, or "
            "in /tmp/vesk-UID without that variable")
         ->envname("VESK_PUB_ENDPOINT");
-    app.add_option("--sub-endpoint", options.sub_endpoint,
+    app.add_option(sub_endpoint_option, options.sub_endpoint,
                    "Where the hub gives messages out; by default the ipc socket \"sub\" in the same folder")
         ->envname("VESK_SUB_ENDPOINT");
     app.add_option("--log-level", options.log_level,
@@ -49,12 +51,14 @@ void add_common_options(CLI::App& app, common_options& options) {
         ->capture_default_str();
 }
 
-void complete(common_options& options) {
-    if (!options.pub_endpoint.empty() && !options.sub_endpoint.empty()) return;
+void complete(const CLI::App& app, common_options& options) {
+    const bool pub_named = !app.get_option(pub_endpoint_option)->empty();
+    const bool sub_named = !app.get_option(sub_endpoint_option)->empty();
+    if (pub_named && sub_named) return;
     const std::string folder = default_folder();
     claim(folder);
-    if (options.pub_endpoint.empty()) options.pub_endpoint = "ipc://" + folder + "/pub";
-    if (options.sub_endpoint.empty()) options.sub_endpoint = "ipc://" + folder + "/sub";
+    if (!pub_named) options.pub_endpoint = "ipc://" + folder + "/pub";
+    if (!sub_named) options.sub_endpoint = "ipc://" + folder + "/sub";
 }
 
 std::vector<std::string> shielded(int argc, char** argv) {

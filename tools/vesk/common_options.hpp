@@ -21,8 +21,9 @@ struct common_options {
 /// Adds the options to `app`, with their environment variables.
 void add_common_options(CLI::App& app, common_options& options);
 
-/// Gives endpoints that were not named their defaults. Throws std::runtime_error when others can get at them.
-void complete(common_options& options);
+/// Gives endpoints that were not named to `app` their defaults. Throws std::runtime_error when others can get
+/// at them.
+void complete(const CLI::App& app, common_options& options);
 
 /// A number of seconds, more than 0.
 using seconds = std::chrono::duration<double>;

@@ -43,7 +43,7 @@ int run(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? done : wrong_usage;
     }
-    complete(common);
+    complete(app, common);
     return chosen();
 }
 
