@@ -52,7 +52,7 @@ TEST(log_text, puts_each_argument_in_the_place_of_its_placeholder) {
     EXPECT_EQ("1", text_of("{}", 1, 2)) << "surplus arguments are not printed";
     EXPECT_EQ("{ 1 } {x}", text_of("{ {} } {x}", 1)) << "other braces stand for themselves";
     EXPECT_EQ("   7|007", text_of("{:>4}|{:03}", 7, 7));
-    EXPECT_EQ("7", text_of("{:%Q%j}", 7)) << "an unsuitable specification does not cost the value";
+    EXPECT_EQ("7", text_of("{:%Q%j}", 7)) << "an unsuitable placeholder does not cost the value";
 }
 
 TEST(log_text, prints_every_type_that_calls_pass) {

@@ -16,6 +16,7 @@ connection_impl::connection_impl() {
 void connection_impl::initialize(v1::conf_t&& conf) {
     if (conf.pub_endpoint.empty() || conf.sub_endpoint.empty())
         throw std::runtime_error("incomplete configuration provided for hub-based configuration");
+    // The later ones are bus users themselves, and stand on the earlier ones.
     v1::subscriber::backend::instance = std::make_shared<subscriber_impl>(event_loop, conf.sub_endpoint);
     v1::publisher::backend::instance =
         std::make_shared<publisher_impl>(conf.pub_endpoint, conf.block_on_first_publish);

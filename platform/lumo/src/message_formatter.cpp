@@ -17,7 +17,7 @@ unsigned print_to(char* dest, unsigned size, const char* spec, const T& value) {
     return static_cast<unsigned>(std::min<std::size_t>(printed.size, size));
 }
 
-// A specification that does not suit its argument must not cost the record its value.
+// A placeholder that does not suit its argument must not cost the record its value.
 template <typename T>
 unsigned print(char* dest, unsigned size, const char* spec, const T& value) {
     try {

@@ -6,8 +6,8 @@
 
 namespace tolvan::vesk::hub {
 
-/// The third frame of a hub message; the first two are its topic and its data, as text without NUL bytes.
-/// What lies in memory is what goes over the wire.
+/// The third frame of a hub message, byte for byte. (The first two are its topic and its data, as text
+/// without NUL bytes.)
 struct metadata_t {
     static constexpr std::uint8_t current_version = 1;
 

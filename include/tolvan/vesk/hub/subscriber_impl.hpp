@@ -76,8 +76,8 @@ class subscriber_impl final : public v1::subscriber::backend,
     void dispatch_one_message();
     static void make_delivery(message delivery);
 
-    // Destroyed from the last to the first: queued messages point into the registry, the socket outlives
-    // both.
+    // Destroyed from the last to the first: queued messages point into the registry; both go before the
+    // socket.
     std::shared_ptr<event_loop_v1> event_loop;
     socket sub_socket;
     std::unordered_map<v1::subscriber*, std::map<std::string, sub_functions>> subscriptions;
@@ -88,11 +88,11 @@ class subscriber_impl final : public v1::subscriber::backend,
     std::int32_t latency_count = 0;
     std::int64_t latency_sum = 0;  ///< in milliseconds
 
-    std::map<std::size_t, unsigned>
-        topic_lengths;  ///< lengths of the topics in topic_refs, with their numbers
+    /// How many topics of each length are in topic_refs.
+    std::map<std::size_t, unsigned> topic_lengths;
     std::uint64_t last_serial = 0;
-    event_loop_v1::holder<timer_impl_base>
-        resume_timer;  ///< reads on after an exception has left the handler
+    /// Reads on after an exception has left the receive handler.
+    event_loop_v1::holder<timer_impl_base> resume_timer;
 };
 
 }  // namespace tolvan::vesk::hub
