@@ -35,7 +35,7 @@ class request : public test::whole_bus {
         const auto id = ask(reply_needed);
         reply_topic = reqrep_client_name(published().second) + ".reply";
         if (std::exchange(subscribed, true)) return id;
-        EXPECT_EQ("\x01" + reply_topic, hub.filter());
+        EXPECT_EQ(hub.set(reply_topic), hub.filter());
         return id;
     }
 

@@ -55,6 +55,10 @@ class hub_sides {
         return received.empty() ? "nothing" : received.front();
     }
 
+    /// What `filter` gives for a topic that was subscribed to, or not any more.
+    static std::string set(const std::string& topic) { return '\1' + topic; }
+    static std::string removed(const std::string& topic) { return '\0' + topic; }
+
     /// Sends any message to the library.
     void relay(const frames& message) {
         zmsg_t* sent = zmsg_new();

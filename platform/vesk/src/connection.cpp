@@ -1,4 +1,5 @@
 #include <cstdlib>
+#include <filesystem>
 #include <stdexcept>
 
 #include <dlfcn.h>
@@ -16,8 +17,18 @@ namespace {
 constexpr const char* factory_symbol = "tolvan_vesk_v1_connection_impl";
 using factory_function = void(connection::impl** result);
 
+// The path of that file beside this library; the bare name, for the dynamic linker to search, when there is
+// none.
+std::string beside_this_library(const std::string& name) {
+    Dl_info here = {};
+    if (::dladdr(reinterpret_cast<void*>(&release_backends), &here) == 0) return name;
+    const auto path = std::filesystem::path(here.dli_fname).replace_filename(name);
+    return std::filesystem::exists(path) ? path.string() : name;
+}
+
 std::string library_of(const std::string& backend) {
-    return backend.find('/') != std::string::npos ? backend : "libvesk-" + backend + ".so";
+    return backend.find('/') != std::string::npos ? backend
+                                                  : beside_this_library("libvesk-" + backend + ".so");
 }
 
 // Never unloaded again: a transport leaves vtables, deleters and callbacks all over the process.
