@@ -302,6 +302,7 @@ TEST_F(request, may_do_anything_from_its_callback) {
 
 TEST_F(request, whose_captures_call_the_bus_when_they_are_destroyed_finds_consistent_tables) {
     struct cancels {
+        explicit cancels(reqrep_client* given) : called(given) {}
         reqrep_client* called;
         ~cancels() {
             called->cancel_all_requests();

@@ -406,6 +406,7 @@ TEST_F(a_callback, may_replace_or_release_the_backend_and_throw_then) {
 
 TEST_F(a_callback, whose_captures_call_the_bus_when_they_are_destroyed_finds_consistent_tables) {
     struct calls_the_bus {
+        explicit calls_the_bus(subscriber& given) : called(given) {}
         subscriber& called;
         ~calls_the_bus() {
             if (!subscriber::backend::instance) return;

@@ -21,7 +21,7 @@ constexpr const char* subscription_role = "hub subscription endpoint";
 constexpr const char* control_endpoint = "inproc://control";
 
 // In messages, for each peer. A burst is kept this far; a subscriber that never reads costs no more.
-constexpr int queue_limit = 100'000;
+constexpr int queue_limit = 1'000'000;
 
 // A subscriber that has stopped reading answers no heartbeats once its queue is full, and when it is taken
 // for dead what the hub keeps for it is dropped: the time-out is long enough for a stalled application.

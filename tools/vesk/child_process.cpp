@@ -49,6 +49,7 @@ pipe_ends make_pipe() {
 // Starts the program with those standard descriptors and without the signals that this process has blocked.
 pid_t spawn(const std::vector<std::string>& command, int input, int output, int errors) {
     std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
     for (const auto& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
     arguments.push_back(nullptr);
     posix_spawn_file_actions_t actions;

@@ -1,7 +1,7 @@
 #include "session.hpp"
 
 #include <array>
-#include <cmath>
+#include <cstdlib>
 #include <iostream>
 
 #include <spdlog/sinks/stdout_color_sinks.h>
@@ -23,7 +23,9 @@ lumo::v1::sink_registration log_to_stderr(int level) {
     });
 }
 
+// A queue that holds more than czmq's 1000: on a busy machine a publisher learns of its credit too late.
 v1::conf_t configuration(const common_options& common) {
+    ::setenv("ZSYS_SNDHWM", "100000", 0);
     v1::conf_t conf;
     conf.pub_endpoint = common.pub_endpoint;
     conf.sub_endpoint = common.sub_endpoint;

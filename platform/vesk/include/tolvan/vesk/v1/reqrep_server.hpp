@@ -128,7 +128,7 @@ class reqrep_server::backend {
     std::shared_ptr<Server> server_by_rrs_add_if_missing(reqrep_server* rrs) {
         if (const auto known = servers.find(rrs); known != servers.end())
             return std::static_pointer_cast<Server>(known->second);
-        const auto made = std::make_shared<Server>(rrs);
+        auto made = std::make_shared<Server>(rrs);
         servers.emplace(rrs, made);
         return made;
     }
