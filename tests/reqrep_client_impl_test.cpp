@@ -85,6 +85,7 @@ TEST_F(request, travels_as_an_envelope_of_fixed_bytes_on_the_command_topic) {
         EXPECT_EQ((std::pair<std::string, long long>("vesk::reqrep_client_impl[svc.get].timeout", 15000)),
                   loop->made_timers.back());
     }
+    EXPECT_EQ(texts{}, logged('1')) << "one subscription is enough";
     ask(true);
     const std::string name = reqrep_client_name(published().second);
     initialize();
@@ -229,22 +230,46 @@ TEST_F(request, that_is_cancelled_ends_without_a_call) {
 }
 
 TEST_F(request, that_cannot_be_issued_ends_at_once_and_leaves_nothing_behind) {
-    const auto own = std::exchange(vesk::v1::publisher::backend::instance, nullptr);
+    auto& publisher = vesk::v1::publisher::backend::instance;
+    auto& subscriber = vesk::v1::subscriber::backend::instance;
+    const auto own_subscriber = std::exchange(subscriber, nullptr);
+    EXPECT_EQ(0, ask(true));
+    subscriber = own_subscriber;
+    const auto own_publisher = std::exchange(publisher, nullptr);
     EXPECT_EQ(0, ask(true));
     EXPECT_THROW(client->request("svc", "get", "", true, nullptr), std::bad_function_call);
-    vesk::v1::publisher::backend::instance = own;
-    hub.filter();
-    const auto subscriber = std::exchange(vesk::v1::subscriber::backend::instance, nullptr);
-    reqrep_client::backend::instance = std::make_shared<vesk::hub::reqrep_client_impl>(loop);
-    EXPECT_EQ(0, ask(true));
-    vesk::v1::subscriber::backend::instance = subscriber;
+    publisher = own_publisher;
     ASSERT_EQ(2U, outcomes.size());
-    EXPECT_THAT(outcomes[0], HasSubstr("St11logic_error: publisher::publish"));
-    EXPECT_THAT(outcomes[1], HasSubstr("St11logic_error: subscriber::subscribe"));
-    EXPECT_EQ(1, ask_hub(true)) << "the next one subscribes after all";
+    EXPECT_THAT(outcomes[0], HasSubstr("St11logic_error: subscriber::subscribe"));
+    EXPECT_THAT(outcomes[1], HasSubstr("St11logic_error: publisher::publish"));
+    EXPECT_EQ(2, ask_hub(true)) << "the first id was given out and taken back";
     EXPECT_THAT(log.lines.back(), HasSubstr("pending=1"));
-    loop->advance(15'000);
-    EXPECT_EQ(3U, outcomes.size());
+    EXPECT_EQ(texts{}, logged('2'));
+}
+
+// An id that stayed in the list of the client whose request has ended would end somebody else's with that id.
+TEST_F(request, that_has_ended_leaves_its_id_to_another_client) {
+    const std::vector<std::function<void()>> endings = {
+        [&] { ask(true), loop->advance(15'000); },
+        [&] { client->cancel_request(ask(true)); },
+        [&] { ask(true), client->cancel_all_requests(); },
+        [&] {
+            const auto own = std::exchange(vesk::v1::publisher::backend::instance, nullptr);
+            ask(true);
+            vesk::v1::publisher::backend::instance = own;
+        },
+    };
+    for (const auto& end : endings) {
+        reqrep_client::backend::instance = std::make_shared<vesk::hub::reqrep_client_impl>(loop);
+        end();
+        reqrep_client other;
+        EXPECT_EQ(1, ask(true, "", &other));
+        client->cancel_all_requests();
+        logged();
+        other.cancel_request(1);
+        EXPECT_EQ(texts{"3" + log_of + "discard_outstanding_request: deallocated request_id=1 pending=0"},
+                  logged());
+    }
 }
 
 TEST_F(request, gets_an_id_that_is_never_0_and_never_taken) {

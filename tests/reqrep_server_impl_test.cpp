@@ -27,8 +27,10 @@ class a_server : public test::whole_bus {
   protected:
     a_server() {
         server->set_uuid("svc");
-        vesk::v1::publisher::backend::instance = answers;
+        keep_answers();
     }
+
+    void keep_answers() { vesk::v1::publisher::backend::instance = answers; }
 
     using handler = std::function<void(reqrep_server::request&&, json&&)>;
 
@@ -99,7 +101,9 @@ TEST_F(a_server, gives_its_handler_the_payload_as_the_deserializer_makes_it) {
     EXPECT_EQ((texts{"null", "null"}), payloads);
     server->set_command_handler("raw", true, nullptr, [&](auto&&, auto payload) { EXPECT_FALSE(payload); });
     hub.filter();
-    EXPECT_EQ(texts{ack}, answers_to("svc.raw", envelope(R"("replyNeeded": true, "payload": 1})")));
+    const std::string request = envelope(R"("replyNeeded": true, "payload": 1})");
+    EXPECT_EQ(texts{ack}, answers_to("svc.raw", request));
+    EXPECT_EQ(texts{ack}, answers_to("svc.get", request)) << "commands share one state";
 }
 
 TEST_F(a_server, goes_by_its_own_registration_when_the_client_is_wrong_about_the_reply) {
@@ -235,6 +239,13 @@ TEST_F(a_server, refuses_replies_that_are_not_json_and_publications_that_fail) {
                      "0" + log_of + "enqueue_request: exception caught (St13runtime_error): refused",
                      "0" + log_of + "reply: server_id=svc could not NACK" + road + "refused"}),
               logged('0'));
+    answers->refuse_with_int = true;
+    logged();
+    EXPECT_THROW(kept->reply("1"), int);
+    EXPECT_EQ(texts{"0" + log_of +
+                    "reply: server_id=svc could not reply for reply topic=client.reply.1 and cmd=get; "
+                    "no more info available"},
+              logged('0'));
     const reqrep_server::request taken = std::move(*kept);
     EXPECT_THROW(kept->reply("1"), std::logic_error);
 }
@@ -254,30 +265,45 @@ TEST_F(a_server, that_has_unregistered_refuses_answers_to_what_it_had_received) 
     EXPECT_EQ(texts{ack}, answers_to("svc.get", envelope(R"("replyNeeded": true})"))) << "registered afresh";
 }
 
-TEST_F(a_server, may_be_unregistered_destroyed_or_lose_its_backend_in_its_own_handler) {
-    const auto throws = [] { throw std::runtime_error("afterwards"); };
-    const std::map<std::string, std::function<void()>> actions = {
-        {"unregister", [&] { server->unset_all_handlers(); }},
-        {"destroy", [&] { server.reset(); }},
-        {"initialize", [&] { initialize(), server.reset(); }},
-        {"release", [&] { vesk::v1::release_backends(), server.reset(); }},
+TEST_F(a_server, answers_the_request_at_hand_whatever_its_handler_does_unless_it_destroys_the_server) {
+    const std::string gone = "reply: using request after server that received it is gone";
+    const std::string nacked = nack("St13runtime_error", "afterwards");
+    struct row {
+        std::string name;
+        std::function<void()> act;
+        texts answers;
+        std::string last_error;
     };
-    for (const auto& [name, act] : actions) {
+    for (const auto& [name, act, expected, last_error] : {
+             row{"unregister",
+                 [&] { server->unset_all_handlers(); },
+                 {ack, R"({"payload":1})", nacked},
+                 "exception caught (St13runtime_error): afterwards"},
+             row{"initialize",
+                 [&] { initialize(), keep_answers(); },
+                 {ack, R"({"payload":1})", nacked},
+                 "exception caught (St13runtime_error): afterwards"},
+             row{"destroy", [&] { server.reset(); }, {ack}, gone},
+             row{"both", [&] { initialize(), keep_answers(), server.reset(); }, {ack}, gone},
+             row{"release",
+                 [&] { vesk::v1::release_backends(); },
+                 {ack},
+                 "reply: server_id=svc could not NACK"},
+         }) {
         server.emplace().set_uuid("svc");
         initialize();
-        vesk::v1::publisher::backend::instance = answers;
+        keep_answers();
         server->set_command_handler<json>("get", true,
                                           [&, act = act, own = std::string(50, 'o')](auto&& request, auto&&) {
                                               act();
-                                              if (reqrep_server::backend::instance) request.reply("1");
+                                              request.reply("1");
                                               EXPECT_EQ(std::string(50, 'o'), own);
-                                              throws();
+                                              throw std::runtime_error("afterwards");
                                           });
         while (hub.filter() != hub.set("svc.get")) {
         }
-        EXPECT_EQ(texts{ack}, answers_to("svc.get", envelope(R"("replyNeeded": true})"))) << name;
-        EXPECT_THAT(logged('0').back(), HasSubstr("using request after server that received it is gone"))
-            << name;
+        EXPECT_EQ(expected, answers_to("svc.get", envelope(R"("replyNeeded": true})"))) << name;
+        EXPECT_THAT(logged('0').back(), HasSubstr(last_error)) << name;
     }
 }
 

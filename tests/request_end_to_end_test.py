@@ -31,6 +31,11 @@ class RequestAndReply(EndToEndTest):
             "null": (["echo", "null"], FAILED, [], "the program's output is null"),
             "prose": (["echo", "no json"], FAILED, [], "the program's output is not JSON"),
             "missing": (["./no such program"], FAILED, [], "could not run ./no such program"),
+            "deep": (["python3", "-c", "print('[' * 256 + ']' * 256)"], FAILED, [], "deeper than 256 levels"),
+            "endless": (["yes", "1"], FAILED, [], "the program's output is larger than a message may be"),
+            "verbose": (["sh", "-c", "yes | head -c 17000000 >&2; echo the end >&2; exit 1"],
+                        FAILED, [], "the end"),
+            "again": (["cat"], DONE, [BIG], ""),  # behind all of these
         }
         serves = [self.start_ready("serve", "svc", command, "--", *row[0])
                   for command, row in programs.items()]
@@ -109,6 +114,7 @@ class WrongUsage(EndToEndTest):
             ["request", "svc", "get", "no json"], ["request", "svc", "get", "1 2"],
             ["request", "svc", "get", "--reply-timeout", "0"],
             ["serve", "a.b", "get", "--echo"], ["serve", "a:b", "get", "--echo"],
+            ["serve", "", "get", "--echo"], ["request", "", "get"],
             ["serve", "svc", "get:x", "--echo"], ["serve", "svc", "get"],
             ["serve", "svc", "get", "--echo", "--", "cat"])
 

@@ -1,6 +1,7 @@
-// A server's state belongs to the server map alone; command callbacks and requests know it weakly. A command
-// handler may unregister or destroy its server, or replace this backend: the state, which intake holds on to,
-// then no longer names a server, and every answer to its requests is refused.
+// A server's state belongs to the server map alone; command callbacks and requests know it weakly, intake and
+// answers hold on to it for the duration of one call. A command handler may unregister its server or replace
+// this backend: the request that is being handled is still answered. It may even destroy its server: then the
+// state no longer stands for one, and answers are refused.
 #include <stdexcept>
 #include <utility>
 
@@ -31,10 +32,6 @@ void fill_nack(reply_t& body, const std::type_info* type, const char* what) {
 
 }  // namespace
 
-reqrep_server_impl::~reqrep_server_impl() {
-    for (const auto& server : servers) static_cast<server_impl&>(*server.second).rrs = nullptr;
-}
-
 void reqrep_server_impl::set_command_handler(v1::reqrep_server* rrs, const std::string& command,
                                              bool reply_needed, payload_deserializer deserializer,
                                              command_handler&& handler) {
@@ -52,7 +49,7 @@ void reqrep_server_impl::set_command_handler(v1::reqrep_server* rrs, const std::
 }
 
 void reqrep_server_impl::unset_all_handlers(v1::reqrep_server* rrs) {
-    if (const auto removed = servers.extract(rrs)) static_cast<server_impl&>(*removed.mapped()).rrs = nullptr;
+    servers.erase(rrs);
     LUMO_LOG(lumo::v1::trace, source_file, "unset_all_handlers", "unregistering server_id={}",
              rrs->get_uuid_or_luid());
     rrs->revoke_subscriptions();
@@ -182,11 +179,11 @@ void reqrep_server_impl::answer(std::shared_ptr<request_impl> request, const std
     }
 }
 
-// Nothing when the server has unregistered or its backend is gone.
+// Nothing when the server has unregistered or is destroyed.
 std::shared_ptr<reqrep_server_impl::server_impl> reqrep_server_impl::lock_server(
     const request_impl& request) {
     auto server = std::static_pointer_cast<server_impl>(request.server.lock());
-    return server && server->rrs != nullptr ? server : nullptr;
+    return server && !server->alive.expired() ? server : nullptr;
 }
 
 }  // namespace tolvan::vesk::hub

@@ -68,11 +68,13 @@ class whole_bus : public testing::Test {
 class kept_publications : public vesk::v1::publisher::backend {
   public:
     void publish(vesk::v1::publisher*, const std::string& topic, const std::string& data) override {
+        if (refuse_with_int) throw 1;
         if (refuse) throw std::runtime_error("refused");
         if (keep) messages.emplace_back(topic, data);
     }
 
     bool refuse = false;
+    bool refuse_with_int = false;
     bool keep = true;
     std::vector<std::pair<std::string, std::string>> messages;
 };

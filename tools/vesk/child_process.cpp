@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -46,7 +47,8 @@ pipe_ends make_pipe() {
     return made;
 }
 
-// Starts the program with those standard descriptors and without the signals that this process has blocked.
+// Starts the program with those standard descriptors, in a process group of its own, with signals as a
+// program expects them.
 pid_t spawn(const std::vector<std::string>& command, int input, int output, int errors) {
     std::vector<char*> arguments;
     arguments.reserve(command.size() + 1);
@@ -55,6 +57,7 @@ pid_t spawn(const std::vector<std::string>& command, int input, int output, int 
     posix_spawn_file_actions_t actions;
     posix_spawnattr_t attributes;
     sigset_t no_signals;
+    sigset_t all_signals;
     ::posix_spawn_file_actions_init(&actions);
     ::posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
     ::posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
@@ -62,7 +65,11 @@ pid_t spawn(const std::vector<std::string>& command, int input, int output, int 
     ::posix_spawnattr_init(&attributes);
     ::sigemptyset(&no_signals);
     ::posix_spawnattr_setsigmask(&attributes, &no_signals);
-    ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+    ::sigfillset(&all_signals);
+    ::posix_spawnattr_setsigdefault(&attributes, &all_signals);
+    ::posix_spawnattr_setpgroup(&attributes, 0);
+    ::posix_spawnattr_setflags(&attributes,
+                               POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
     pid_t pid = -1;
     const int error =
         ::posix_spawnp(&pid, arguments.front(), &actions, &attributes, arguments.data(), environ);
@@ -71,6 +78,18 @@ pid_t spawn(const std::vector<std::string>& command, int input, int output, int 
     if (error != 0)
         throw std::system_error(error, std::generic_category(), "could not run " + command.front());
     return pid;
+}
+
+// Calls `take` with each piece that can be read now. False once there is nothing more to come.
+bool read_available(const owned_fd& from, const std::function<void(std::string_view)>& take) {
+    std::array<char, 65536> piece;
+    while (true) {
+        const ssize_t length = ::read(from.get(), piece.data(), piece.size());
+        if (length < 0 && errno == EINTR) continue;
+        if (length < 0 && errno == EAGAIN) return true;
+        if (length <= 0) return false;
+        take({piece.data(), static_cast<std::size_t>(length)});
+    }
 }
 
 }  // namespace
@@ -86,61 +105,63 @@ owned_fd::~owned_fd() {
 
 child_process::child_process(event_loop_v1& loop, const std::vector<std::string>& command,
                              const std::string& input, std::function<void(outcome)> ended)
-    : events(loop),
-      when_ended(std::move(ended)),
-      output{owned_fd(), result.standard_output},
-      errors{owned_fd(), result.standard_error} {
+    : child_process(loop, std::move(ended)) {
     const owned_fd standard_input = input_file(input);
     pipe_ends output_pipe = make_pipe();
     pipe_ends error_pipe = make_pipe();
     pid = spawn(command, standard_input.get(), output_pipe.write.get(), error_pipe.write.get());
     exit_notice = owned_fd(checked(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)), "pidfd_open"));
-    output.end = std::move(output_pipe.read);
-    errors.end = std::move(error_pipe.read);
-    watch(output);
-    watch(errors);
-    events.watch_fd({exit_notice.get()}, 0, [this](auto, auto) { reap(); });
+    output = std::move(output_pipe.read);
+    errors = std::move(error_pipe.read);
+    watch(output, [this] { read_output(); });
+    watch(errors, [this] { read_errors(); });
+    watch(exit_notice, [this] { reap(); });
 }
 
 child_process::~child_process() {
+    end_watches();
     if (pid < 0) return;
-    events.unwatch_fd({exit_notice.get()});
-    unwatch(output);
-    unwatch(errors);
-    ::kill(pid, SIGKILL);
+    kill_group();
     ::waitpid(pid, nullptr, 0);
 }
 
-void child_process::watch(stream& watched) {
-    events.watch_fd({watched.end.get()}, 0, [this, &watched](auto, auto) { read_available(watched); });
-    watched.watched = true;
+void child_process::watch(const owned_fd& fd, std::function<void()> callback) {
+    events.watch_fd({fd.get()}, 0, [callback = std::move(callback)](auto, auto) { callback(); });
+    watched.push_back(fd.get());
 }
 
-void child_process::unwatch(stream& watched) {
-    if (std::exchange(watched.watched, false)) events.unwatch_fd({watched.end.get()});
+void child_process::end_watches() {
+    for (const int fd : std::exchange(watched, {})) events.unwatch_fd({fd});
 }
 
-void child_process::read_available(stream& from) {
-    std::array<char, 65536> piece;
-    while (true) {
-        const ssize_t length = ::read(from.end.get(), piece.data(), piece.size());
-        if (length < 0 && errno == EINTR) continue;
-        if (length < 0 && errno == EAGAIN) return;
-        if (length <= 0) return unwatch(from);
-        from.text.append(piece.data(), static_cast<std::size_t>(length));
-        if (from.text.size() <= most_output) continue;
-        ::kill(pid, SIGKILL);
-        return unwatch(from);
-    }
+void child_process::kill_group() const {
+    ::kill(-pid, SIGKILL);
+}
+
+void child_process::read_output() {
+    const bool open = read_available(output, [this](std::string_view piece) {
+        result.standard_output += piece.substr(0, most_output - result.standard_output.size());
+        if (result.standard_output.size() < most_output || result.too_much_output) return;
+        result.too_much_output = true;
+        kill_group();
+    });
+    if (!open && std::erase(watched, output.get()) > 0) events.unwatch_fd({output.get()});
+}
+
+void child_process::read_errors() {
+    const bool open = read_available(errors, [this](std::string_view piece) {
+        result.standard_error += piece;
+        if (result.standard_error.size() > most_errors)
+            result.standard_error.erase(0, result.standard_error.size() - most_errors);
+    });
+    if (!open && std::erase(watched, errors.get()) > 0) events.unwatch_fd({errors.get()});
 }
 
 // The program has ended; what others that it has started may still write is not waited for.
 void child_process::reap() {
-    read_available(output);
-    read_available(errors);
-    unwatch(output);
-    unwatch(errors);
-    events.unwatch_fd({exit_notice.get()});
+    read_output();
+    read_errors();
+    end_watches();
     ::waitpid(std::exchange(pid, -1), &result.wait_status, 0);
     const auto call = std::move(when_ended);
     call(std::move(result));

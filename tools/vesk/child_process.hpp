@@ -25,35 +25,38 @@ class owned_fd {
     int fd;
 };
 
-/// A program that runs beside the event loop. Destroying it kills a program that still runs.
+/// A program that runs beside the event loop, in a process group of its own. Destroying it kills a program
+/// that still runs, with whatever it has started.
 class child_process {
   public:
     struct outcome {
-        int wait_status = 0;  ///< as waitpid gives it
-        std::string standard_output;
-        std::string standard_error;
+        int wait_status = 0;           ///< as waitpid gives it
+        std::string standard_output;   ///< up to `most_output` bytes
+        bool too_much_output = false;  ///< there was more, and the program was killed for it
+        std::string standard_error;    ///< the last `most_errors` bytes
     };
 
-    /// Starts `command` with `input` on its standard input; `ended` is called once when it has ended. Output
-    /// of more than `most_output` bytes ends it. Throws std::system_error when it cannot be started.
+    static constexpr std::size_t most_output = 16 * 1024 * 1024;
+    static constexpr std::size_t most_errors = 4096;
+
+    /// Starts `command` with `input` on its standard input; `ended` is called once when it has ended. SIGCHLD
+    /// must not be ignored. Throws std::system_error when the program cannot be started.
     child_process(event_loop_v1& loop, const std::vector<std::string>& command, const std::string& input,
                   std::function<void(outcome)> ended);
     child_process(const child_process&) = delete;
     child_process& operator=(const child_process&) = delete;
     ~child_process();
 
-    static constexpr std::size_t most_output = 16 * 1024 * 1024;
-
   private:
-    struct stream {
-        owned_fd end;
-        std::string& text;
-        bool watched = false;
-    };
+    // Completes before the program is started, so that the destructor runs whatever fails afterwards.
+    child_process(event_loop_v1& loop, std::function<void(outcome)> ended)
+        : events(loop), when_ended(std::move(ended)) {}
 
-    void watch(stream& output);
-    void unwatch(stream& output);
-    void read_available(stream& output);
+    void watch(const owned_fd& fd, std::function<void()> callback);
+    void end_watches();
+    void kill_group() const;
+    void read_output();
+    void read_errors();
     void reap();
 
     event_loop_v1& events;
@@ -61,8 +64,9 @@ class child_process {
     outcome result;
     pid_t pid = -1;
     owned_fd exit_notice;
-    stream output;
-    stream errors;
+    owned_fd output;
+    owned_fd errors;
+    std::vector<int> watched;
 };
 
 }  // namespace tolvan::vesk::tool

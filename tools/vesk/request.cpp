@@ -71,7 +71,8 @@ void add_request_command(CLI::App& app, const common_options& common, chosen_com
     CLI::App& command = *app.add_subcommand("request", "Send one request and print the reply");
     verbatim(command.add_option("TARGET", options->target, "Identity of the server"))
         ->required()
-        ->check(without(":"));
+        ->check(without(":"))
+        ->check(not_empty);
     verbatim(command.add_option("COMMAND", options->command, "Command of the server"))
         ->required()
         ->check(without(":"));

@@ -1,6 +1,9 @@
+#include <csignal>
+#include <deque>
 #include <list>
 #include <memory>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include <sys/wait.h>
@@ -21,6 +24,10 @@ namespace {
 
 using sedes::v1::opaque_json_block;
 using v1::reqrep_server;
+
+constexpr const char* too_large = "the program's output is larger than a message may be";
+constexpr std::size_t most_reply = child_process::most_output - 1024;  // there is an envelope around it
+constexpr std::size_t most_programs = 64;                              // at a time; more requests wait
 
 struct serve_options {
     std::string id;
@@ -48,34 +55,41 @@ bool succeeded(const child_process::outcome& ended) {
 }
 
 std::string failure_of(const child_process::outcome& ended) {
-    if (ended.standard_output.size() > child_process::most_output)
-        return "the program's output is larger than a message may be";
+    if (ended.too_much_output) return too_large;
     const std::string errors = without_trailing_breaks(ended.standard_error);
     return errors.empty() ? how_it_ended(ended.wait_status) : errors;
 }
 
-// The JSON text of the reply. Throws std::runtime_error with the text of the NACK when there is none.
-std::string reply_of(const child_process::outcome& ended) {
-    if (!succeeded(ended) || without_trailing_breaks(ended.standard_output).empty())
-        throw std::runtime_error(failure_of(ended));
+Variant parsed(const std::string& output) {
     try {
-        if (!Variant::fromJson(ended.standard_output).is_null()) return ended.standard_output;
+        return Variant::fromJson(output);
     } catch (const sedes::v1::bad_deserialization_source& error) {
         throw std::runtime_error(std::string("the program's output is not JSON: ") + error.what());
     }
-    throw std::runtime_error("the program's output is null, which cannot be a reply");
+}
+
+// The JSON text of the reply, as it will be sent. Throws std::runtime_error with the text of the NACK when
+// there is none.
+std::string reply_of(const child_process::outcome& ended) {
+    if (!succeeded(ended) || without_trailing_breaks(ended.standard_output).empty())
+        throw std::runtime_error(failure_of(ended));
+    const Variant reply = parsed(ended.standard_output);
+    if (reply.is_null()) throw std::runtime_error("the program's output is null, which cannot be a reply");
+    std::string text = reply.toJson();
+    if (text.size() > most_reply) throw std::runtime_error(too_large);
+    return text;
 }
 
 class serve_command {
   public:
     serve_command(const common_options& common, const serve_options& given)
         : options(given), process(common, done) {
+        std::signal(SIGCHLD, SIG_DFL);  // whoever started this may have it ignored; then no status is kept
         server.set_uuid(options.id);
         server.set_command_handler<opaque_json_block>(
             options.command, !options.no_reply,
             [this](reqrep_server::request&& request, opaque_json_block&& payload) {
-                options.echo ? echo_back(request, payload)
-                             : run_program(std::move(request), payload.to_string());
+                options.echo ? echo_back(request, payload) : accept(std::move(request), payload.to_string());
             });
         probe = std::make_unique<readiness>(process, [] { tell("ready"); });
     }
@@ -90,16 +104,22 @@ class serve_command {
         request.reply(payload.to_string());
     }
 
-    // What goes wrong before the program runs is thrown to the client.
-    void run_program(reqrep_server::request&& request, const std::string& payload) {
+    // What goes wrong before the program runs is thrown to the client, unless the request had to wait.
+    void accept(reqrep_server::request&& request, std::string payload) {
+        if (programs.size() < most_programs) return run_program(std::move(request), payload);
+        waiting.emplace_back(std::move(request), std::move(payload));
+    }
+
+    void run_program(const reqrep_server::request& request, const std::string& payload) {
         const auto place = programs.emplace(programs.end());
         try {
             *place = std::make_unique<child_process>(
                 process.loop(), options.program, payload,
-                [this, place, request = std::move(request)](const child_process::outcome& ended) {
-                    const auto finished = std::move(*place);
+                [this, place, request](const child_process::outcome& ended) {
+                    const auto finished = std::move(*place);  // whose callback this is, until it returns
                     programs.erase(place);
                     answer(request, ended);
+                    run_waiting();
                 });
         } catch (...) {
             programs.erase(place);
@@ -107,6 +127,19 @@ class serve_command {
         }
     }
 
+    void run_waiting() {
+        while (!waiting.empty() && programs.size() < most_programs) {
+            const auto [request, payload] = std::move(waiting.front());
+            waiting.pop_front();
+            try {
+                run_program(request, payload);
+            } catch (const std::exception& failure) {
+                request.fail(failure);
+            }
+        }
+    }
+
+    // Whatever is wrong with one reply, the server goes on.
     void answer(const reqrep_server::request& request, const child_process::outcome& ended) const {
         if (options.no_reply) {
             if (!succeeded(ended)) tell(failure_of(ended));
@@ -114,7 +147,7 @@ class serve_command {
         }
         try {
             request.reply(reply_of(ended));
-        } catch (const std::runtime_error& failure) {
+        } catch (const std::exception& failure) {
             request.fail(failure);
         }
     }
@@ -122,6 +155,7 @@ class serve_command {
     const serve_options& options;
     session process;
     std::list<std::unique_ptr<child_process>> programs;
+    std::deque<std::pair<reqrep_server::request, std::string>> waiting;
     reqrep_server server;
     std::unique_ptr<readiness> probe;
 };
@@ -130,10 +164,12 @@ class serve_command {
 
 void add_serve_command(CLI::App& app, const common_options& common, chosen_command& chosen) {
     const auto options = std::make_shared<serve_options>();
-    CLI::App& command = *app.add_subcommand("serve", "Answer requests by running a program for each");
+    CLI::App& command =
+        *app.add_subcommand("serve", "Answer requests by running a program for each, at most 64 at a time");
     verbatim(command.add_option("ID", options->id, "Identity of the server"))
         ->required()
-        ->check(without(".:"));
+        ->check(without(".:"))
+        ->check(not_empty);
     verbatim(command.add_option("COMMAND", options->command, "Command to answer"))
         ->required()
         ->check(without(":"));

@@ -7,6 +7,8 @@ namespace tolvan::vesk::tool {
 /// A check of an option: an empty text when `value` is fine, else what is wrong with it.
 std::string is_json(const std::string& value);
 
+std::string not_empty(const std::string& value);
+
 /// Makes a check that refuses values with any of the `refused` characters, at which the bus cuts topics.
 class without {
   public:

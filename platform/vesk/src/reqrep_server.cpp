@@ -8,6 +8,7 @@ std::shared_ptr<reqrep_server::backend> reqrep_server::backend::instance;
 reqrep_server::backend::~backend() = default;
 
 reqrep_server::~reqrep_server() {
+    alive.reset();
     unset_all_handlers();
 }
 

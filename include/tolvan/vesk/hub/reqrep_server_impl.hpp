@@ -20,9 +20,6 @@ class reqrep_server_impl final : public v1::reqrep_server::backend {
 
     reqrep_server_impl() = default;
 
-    /// Requests of its servers find their server gone from now on.
-    ~reqrep_server_impl() override;
-
     void reply(std::shared_ptr<request_impl_base>&& request, const std::string* payload,
                const std::type_info* type, const char* what) override;
     void set_command_handler(v1::reqrep_server* rrs, const std::string& command, bool reply_needed,
@@ -32,9 +29,10 @@ class reqrep_server_impl final : public v1::reqrep_server::backend {
   private:
     /// The state of one server.
     struct server_impl final : v1::reqrep_server::server_impl_base {
-        explicit server_impl(v1::reqrep_server* server) : rrs(server) {}
+        explicit server_impl(v1::reqrep_server* server) : rrs(server), alive(server->lifetime()) {}
 
-        v1::reqrep_server* rrs;  ///< null once the server has unregistered
+        v1::reqrep_server* rrs;
+        std::weak_ptr<const void> alive;  ///< expired: `rrs` points to nothing any more
     };
 
     /// One received request.

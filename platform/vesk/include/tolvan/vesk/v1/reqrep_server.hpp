@@ -48,6 +48,12 @@ class reqrep_server : public subscriber, public publisher {
     /// Unregisters all commands, and ends all subscriptions made through this object. Requests that were
     /// received before cannot be answered any more. Does nothing without an installed backend.
     void unset_all_handlers();
+
+    /// Expires when this object is destroyed: for a backend in whose call that happens.
+    std::weak_ptr<const void> lifetime() const { return alive; }
+
+  private:
+    std::shared_ptr<const void> alive = std::make_shared<char>();
 };
 
 /// One received request. Can be kept and answered later, and more than once; copies answer the same request.
