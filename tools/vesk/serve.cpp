@@ -106,7 +106,7 @@ class serve_command {
 
     // What goes wrong before the program runs is thrown to the client, unless the request had to wait.
     void accept(reqrep_server::request&& request, std::string payload) {
-        if (programs.size() < most_programs) return run_program(std::move(request), payload);
+        if (programs.size() < most_programs) return run_program(request, payload);
         waiting.emplace_back(std::move(request), std::move(payload));
     }
 
