@@ -71,6 +71,15 @@ class hub_sides {
         relay({topic, data, metadata(timestamp_ms)});
     }
 
+    /// Passes on whatever the library has published to what has subscribed to it, as a hub does.
+    void forward() {
+        zsock_events(subscription);  // takes note of new filters
+        while ((zsock_events(publishing) & ZMQ_POLLIN) != 0) {
+            zmsg_t* message = zmsg_recv(publishing);
+            EXPECT_EQ(0, zmsg_send(&message, subscription));
+        }
+    }
+
     static std::string metadata(std::int64_t timestamp_ms) {
         const vesk::hub::metadata_t record{.timestamp_ms = timestamp_ms};
         return {reinterpret_cast<const char*>(&record), sizeof record};
