@@ -85,6 +85,7 @@ class ForeignClient:
     def __init__(self, pub_endpoint, sub_endpoint):
         self.context = zmq.Context()
         self.publishing = self.context.socket(zmq.XPUB)
+        self.publishing.sndhwm = 0
         self.subscription = self.context.socket(zmq.SUB)
         self.subscription.rcvtimeo = PATIENCE * 1000
         self.subscription.rcvhwm = 0
@@ -327,6 +328,26 @@ class Hub(EndToEndTest):
             client.publish("t", "after", metadata())
             client.subscribe()  # one round through the hub
         self.assert_ends(sub, DONE, output=["t before", "t after"])
+
+
+    def test_lets_a_subscriber_have_thousands_of_topics_also_after_a_restart(self):
+        topics = [f"topic.{number}" for number in range(3000)]
+        last = "topic.last"  # both in the command line and in the order of the bytes, which a restart goes by
+        hub = self.start_hub()
+        sub = self.start_ready("sub", *topics, last)
+        for data in ("before", "after"):
+            client = self.foreign_client()
+            give_up = time.monotonic() + PATIENCE
+            while f"{last} probe {data}" not in sub.output and time.monotonic() < give_up:
+                client.publish(last, f"probe {data}", metadata())
+                client.subscribe()  # one round through the hub
+            for topic in (*topics, last):
+                client.publish(topic, data, metadata())
+            sub.await_line(f"^{last} {data}$", stream="stdout")
+            self.assertEqual([line for line in sub.output if line.endswith(f" {data}") and "probe" not in line],
+                             [f"{topic} {data}" for topic in (*topics, last)])
+            hub.end(signal.SIGKILL)
+            hub = self.start_hub()
 
 
 class Exit(EndToEndTest):

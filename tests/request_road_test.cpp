@@ -3,47 +3,23 @@
 #include <functional>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include <tolvan/asio_event_loop.hpp>
-#include <tolvan/relay/hub.hpp>
-#include <tolvan/vesk/v1/connection.hpp>
-#include <tolvan/vesk/v1/publisher.hpp>
 #include <tolvan/vesk/v1/reqrep_client.hpp>
 #include <tolvan/vesk/v1/reqrep_server.hpp>
+
+#include "support/real_bus.hpp"
 
 namespace {
 
 using namespace tolvan;
 using json = sedes::v1::opaque_json_block;
 
-class the_road_of_a_request : public testing::Test {
+class the_road_of_a_request : public test::real_bus {
   protected:
     the_road_of_a_request() {
         server.set_uuid("svc");
         server.set_command_handler<json>(
             "echo", true, [](auto&& request, auto&& payload) { request.reply(payload.to_string()); });
         await_hub();
-    }
-    ~the_road_of_a_request() override {
-        client.cancel_all_requests();
-        server.unset_all_handlers();
-        vesk::v1::release_backends();
-    }
-
-    // A message that has come back says that the hub knows every subscription made before.
-    void await_hub() {
-        vesk::v1::subscriber subscriber;
-        vesk::v1::publisher publisher;
-        event_loop_v1::holder<timer_impl_base> next;
-        subscriber.subscribe(
-            "probe", [this](const auto&) { loop->stop(); }, nullptr);
-        const std::function<void()> probe = [&] {
-            publisher.publish("probe", "");
-            next = loop->create_timer("probe", std::chrono::milliseconds(10), {}, probe);
-        };
-        probe();
-        loop->run();
     }
 
     // Issues request number `number`; its outcome is counted, and `then` is called.
@@ -57,9 +33,6 @@ class the_road_of_a_request : public testing::Test {
                        });
     }
 
-    relay::hub hub{{"tcp://127.0.0.1:*", "tcp://127.0.0.1:*"}};
-    std::shared_ptr<asio_event_loop> loop = std::make_shared<asio_event_loop>();
-    vesk::v1::connection bus{{.pub_endpoint = hub.pub_endpoint(), .sub_endpoint = hub.sub_endpoint()}, loop};
     vesk::v1::reqrep_server server;
     vesk::v1::reqrep_client client;
     std::vector<int> ended;
