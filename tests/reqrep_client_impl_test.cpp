@@ -186,9 +186,8 @@ TEST_F(request, whose_answer_cannot_be_decoded_no_longer_times_out_but_can_still
     }
     loop->advance(1'000'000);
     EXPECT_TRUE(outcomes.empty());
-    answer(id, R"({"payload":")" + std::string(64 << 20, 'x') + "\"}");
-    ASSERT_EQ(1U, outcomes.size());
-    EXPECT_EQ((64U << 20) + 2, outcomes[0].size());
+    answer(id, R"({"payload":"in the end"})");
+    EXPECT_EQ(texts{"\"in the end\""}, outcomes);
 }
 
 TEST_F(request, is_named_by_the_low_16_bits_of_the_last_segment_of_the_reply_topic) {
