@@ -12,14 +12,24 @@ namespace {
 
 using namespace tolvan;
 
+struct order_t {
+    int count = 0;
+    sedes::v1::optional<sedes::v1::opaque_json_block> detail;
+
+    static constexpr auto description() {
+        return sedes::v1::composite(sedes::v1::plain("count", &order_t::count),
+                                    sedes::v1::optional_member("detail", &order_t::detail));
+    }
+};
+
 struct serving_process : fuzz::process_on_the_bus {
     serving_process() {
         server.set_uuid("svc");
-        server.set_command_handler<sedes::v1::opaque_json_block>("get", true,
-                                                                 [this](auto&& request, auto&& payload) {
-                                                                     ++handled;
-                                                                     request.reply(payload.to_string());
-                                                                 });
+        server.set_command_handler<order_t>("get", true, [this](auto&& request, order_t&& order) {
+            ++handled;
+            if (order.count < 0) throw std::out_of_range("a negative count");
+            request.reply(order);
+        });
     }
 
     /// The answers to a request, as they are published.
