@@ -60,7 +60,7 @@ class Process(subprocess.Popen):
             if ended:
                 break
             time.sleep(0.005)
-        raise AssertionError(f"no {pattern!r}: {self.output} {self.log}")
+        raise AssertionError(f"no {pattern!r}: {self.output[-20:]} {self.log[-2000:]}")
 
     def feed(self, text, close=True):
         self.stdin.write(text)

@@ -1,0 +1,118 @@
+// An application that goes on whatever becomes of its hub: publishes a numbered tick and sends a request
+// every 5 ms, hears its own ticks, and counts. At the end of its stdin it sends no more, waits until every
+// request has ended, and exits.
+//
+//   traffic NAME SERVER PUB_ENDPOINT SUB_ENDPOINT
+//
+// Whatever changes is told on stdout, at most every 20 ms, as one JSON object a line.
+#include <array>
+#include <iostream>
+#include <map>
+#include <set>
+
+#include <unistd.h>
+
+#include <tolvan/asio_event_loop.hpp>
+#include <tolvan/vesk/v1/connection.hpp>
+#include <tolvan/vesk/v1/publisher.hpp>
+#include <tolvan/vesk/v1/reqrep_client.hpp>
+#include <tolvan/vesk/v1/subscriber.hpp>
+
+namespace {
+
+using namespace tolvan;
+using milliseconds = event_loop_v1::milliseconds;
+
+class traffic {
+  public:
+    traffic(std::string name_on_the_bus, std::string server_id, const std::string& pub,
+            const std::string& sub)
+        : name(std::move(name_on_the_bus)),
+          server(std::move(server_id)),
+          bus({.pub_endpoint = pub, .sub_endpoint = sub}, loop) {
+        subscriber.subscribe(
+            "tick", [this](const std::string& topic) { hear(topic); }, nullptr);
+        loop->watch_fd({STDIN_FILENO}, 0, [this](auto, auto) { read_stdin(); });
+        every(milliseconds(5), sending, [this] { send(); });
+        every(milliseconds(20), telling, [this] { tell(); });
+    }
+
+    void run() { loop->run(); }
+
+  private:
+    using timer = event_loop_v1::holder<timer_impl_base>;
+
+    void every(milliseconds period, timer& kept, const std::function<void()>& call) {
+        kept = loop->create_timer("traffic", period, {}, [this, period, &kept, call] {
+            every(period, kept, call);
+            call();
+        });
+    }
+
+    void send() {
+        const long number = ++counts["sent"];
+        outstanding.insert(number);
+        publisher.publish("tick." + name + "." + std::to_string(number), "");
+        client.request(server, "echo", std::to_string(number), true,
+                       [this, number](const std::string* reply, const auto&) { end(number, reply); });
+    }
+
+    void hear(const std::string& topic) {
+        const std::string own = "tick." + name + ".";
+        if (!topic.starts_with(own)) return void(++counts["foreign"]);
+        ++counts["heard"];
+        counts["last_heard"] = std::stol(topic.substr(own.size()));
+    }
+
+    void end(long number, const std::string* reply) {
+        if (outstanding.erase(number) == 0) ++counts["ended_twice"];
+        if (reply == nullptr) {
+            ++counts["failed"];
+            counts["last_failed"] = number;
+            return;
+        }
+        ++counts[*reply == std::to_string(number) ? "answered" : "answered_wrongly"];
+        counts["last_answered"] = number;
+    }
+
+    void read_stdin() {
+        std::array<char, 256> ignored{};
+        if (::read(STDIN_FILENO, ignored.data(), ignored.size()) > 0) return;
+        loop->unwatch_fd({STDIN_FILENO});
+        sending.reset();
+        finishing = true;
+    }
+
+    void tell() {
+        if (counts != told) {
+            told = counts;
+            std::string line;
+            for (const auto& [key, value] : counts)
+                line += (line.empty() ? "{\"" : ", \"") + key + "\": " + std::to_string(value);
+            std::cout << line << '}' << std::endl;
+        }
+        if (finishing && outstanding.empty()) loop->stop();
+    }
+
+    const std::string name, server;
+    std::shared_ptr<asio_event_loop> loop = std::make_shared<asio_event_loop>();
+    vesk::v1::connection bus;
+    vesk::v1::publisher publisher;
+    vesk::v1::reqrep_client client;
+    vesk::v1::subscriber subscriber;
+    timer sending, telling;
+    std::map<std::string, long> counts = {
+        {"sent", 0},        {"heard", 0},           {"last_heard", 0},  {"answered", 0},
+        {"failed", 0},      {"last_answered", 0},   {"last_failed", 0}, {"foreign", 0},
+        {"ended_twice", 0}, {"answered_wrongly", 0}};
+    std::map<std::string, long> told;
+    std::set<long> outstanding;
+    bool finishing = false;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 5) return 2;
+    traffic(argv[1], argv[2], argv[3], argv[4]).run();
+}
