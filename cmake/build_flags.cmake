@@ -1,6 +1,8 @@
 # vesk_build_flags: how every target of this project is compiled. Link it PRIVATE.
 add_library(vesk_build_flags INTERFACE)
 target_compile_features(vesk_build_flags INTERFACE cxx_std_20)
+# File sizes and inode numbers of 64 bits on 32-bit machines too: stat() fails on what does not fit.
+target_compile_definitions(vesk_build_flags INTERFACE _FILE_OFFSET_BITS=64)
 target_compile_options(vesk_build_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow
   $<$<BOOL:${VESK_WERROR}>:-Werror>)

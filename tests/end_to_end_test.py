@@ -36,11 +36,12 @@ class Process(subprocess.Popen):
     """A process whose output can be read while it runs."""
 
     def __init__(self, command, environment, stdin):
-        self.files = {"stdout": tempfile.TemporaryFile(), "stderr": tempfile.TemporaryFile()}
+        # Opened for appending, so that a test may empty them.
+        self.files = {stream: tempfile.TemporaryFile("a+b") for stream in ("stdout", "stderr")}
         super().__init__(command, env=environment, stdin=stdin, **self.files)
 
     def text(self, stream):
-        return os.pread(self.files[stream].fileno(), 1 << 24, 0).decode()  # leaves the file's position alone
+        return os.pread(self.files[stream].fileno(), 1 << 24, 0).decode(errors="backslashreplace")
 
     @property
     def output(self):

@@ -44,7 +44,6 @@ TEST_F(limits, let_500_publications_of_one_burst_through_and_of_more_the_first_i
     publish(0, 20'000);
     await_hub();  // what comes after a burst gets through again
     EXPECT_TRUE(std::is_sorted(heard.begin(), heard.end()));
-    EXPECT_LT(heard.size(), 20'000U) << "more than is promised: say so in the README";
     heard.resize(std::min<std::size_t>(heard.size(), 500));
     EXPECT_EQ(numbers(500), heard);
 }

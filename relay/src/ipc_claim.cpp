@@ -15,6 +15,9 @@
 namespace tolvan::relay {
 namespace {
 
+static_assert(sizeof(ino_t) == 8 && sizeof(off_t) == 8,
+              "stat() would fail on files whose numbers do not fit");
+
 [[noreturn]] void fail(const std::string& what, int error) {
     throw std::runtime_error(what + ": " + std::generic_category().message(error));
 }
