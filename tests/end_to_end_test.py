@@ -4,6 +4,7 @@ Every wait is for a condition; patience runs out only in a failing test, which t
 VESK_BIN names the folder of the built programs.
 """
 
+import fcntl
 import json
 import os
 import pathlib
@@ -32,12 +33,18 @@ def metadata(version=1):
     return struct.pack("<B7xq", version, steady_ms())
 
 
+def log_file():
+    """A file that may be emptied while a process writes to it."""
+    file = tempfile.TemporaryFile()
+    fcntl.fcntl(file, fcntl.F_SETFL, os.O_APPEND)
+    return file
+
+
 class Process(subprocess.Popen):
     """A process whose output can be read while it runs."""
 
     def __init__(self, command, environment, stdin):
-        # Opened for appending, so that a test may empty them.
-        self.files = {stream: tempfile.TemporaryFile("a+b") for stream in ("stdout", "stderr")}
+        self.files = {stream: log_file() for stream in ("stdout", "stderr")}
         super().__init__(command, env=environment, stdin=stdin, **self.files)
 
     def text(self, stream):
@@ -76,8 +83,10 @@ class Process(subprocess.Popen):
         return self.wait(PATIENCE)
 
     def clean_up(self):
-        with self, self.files["stdout"], self.files["stderr"]:
+        with self:
             self.kill()
+        for file in self.files.values():
+            file.close()
 
 
 class ForeignClient:
@@ -89,7 +98,7 @@ class ForeignClient:
         self.publishing.sndhwm = 0
         self.subscription = self.context.socket(zmq.SUB)
         self.subscription.rcvtimeo = PATIENCE * 1000
-        self.subscription.rcvhwm = 0
+        self.subscription.rcvhwm = self.subscription.sndhwm = 0
         self.publishing.connect(pub_endpoint)
         self.subscription.connect(sub_endpoint)
 

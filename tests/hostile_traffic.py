@@ -24,7 +24,7 @@ SEEDS = [
     [b"svc.echo.further", b'{"replyTopic": "elsewhere.reply.65535", "replyNeeded": false}', metadata()],
     [b"elsewhere.reply.1", b'{"xTypeId":"St12out_of_range","xWhat":"text"}', metadata()],
 ]
-PIECES = [b"\0", b"\xff", b"\xc3", b".", b":", b"hostile", b"[" * 1000, b"{", b"}", b'"', b"\\ud800", b"\\", b"null",
+PIECES = [b"\0", b"\xff", b"\xc3", b".", b":", b".tick", b"[" * 1000, b"{", b"}", b'"', b"\\ud800", b"\\", b"null",
           b"1e999", b"-", b"18446744073709551616", b"%s%n", b"\n", b"\x1b[2J", b'"replyTopic":', b'"payload":']
 LENGTHS = [0, 1, 2, 7, 8, 15, 16, 17, 255, 256, 5000, 100_000]
 
@@ -77,7 +77,7 @@ class HostileTraffic(EndToEndTest):
         end = sub.await_line(f'^{{"topic":"hostile.mark","data":"{mark}"', stream="stdout").end()
         text = sub.text("stdout")[:end]
         os.ftruncate(sub.files["stdout"].fileno(), 0)
-        return text.splitlines()[:-1]
+        return text.split("\n")[:-2]  # without the mark, and the nothing behind it
 
     def assert_server_answers(self, client, number):
         envelope = {"replyTopic": f"foreign.reply.{number}", "replyNeeded": True, "payload": number}

@@ -34,7 +34,7 @@ class HubFaults(EndToEndTest):
     def start_application(self, name="app", endpoints=None):
         pub, sub = endpoints or self.endpoints
         serve = self.vesk("serve", f"svc-{name}", "echo", "--echo", "--pub-endpoint", pub, "--sub-endpoint", sub)
-        application = self.start("traffic", name, f"svc-{name}", pub, sub, stdin=subprocess.PIPE)
+        application = self.start("traffic", name, f"svc-{name}", pub, sub, "5", stdin=subprocess.PIPE)
         return application, serve
 
     def counts(self, application):

@@ -68,7 +68,7 @@ class ThreeHosts(HubFaults):
         self.start_on("hub", "vesk", "hub", "--allow-remote")
         self.start_on("server", "vesk", "serve", "svc", "echo", "--echo")
         sub = self.start_on("server", "vesk", "sub", "tick.app")
-        application = self.start_on("client", "traffic", "app", "svc", PUB, SUB, stdin=subprocess.PIPE)
+        application = self.start_on("client", "traffic", "app", "svc", PUB, SUB, "5", stdin=subprocess.PIPE)
         counts = self.await_everything(application, sub)
         print(f"{'cable of':8} {'away':>6} {'back after':>10} {'requests':>9} {'answered':>9} "
               f"{'ticks lost':>10} {'at the server':>13}")

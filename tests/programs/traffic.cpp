@@ -1,14 +1,16 @@
 // An application that goes on whatever becomes of its hub: publishes a numbered tick and sends a request
-// every 5 ms, hears its own ticks, and counts. At the end of its stdin it sends no more, waits until every
-// request has ended, and exits.
+// every PERIOD ms, hears its own ticks and those of others, and counts. At the end of its stdin it sends no
+// more, waits until every request has ended, and exits. With CHURN it also replaces a client with a request
+// under way, a server and a subscriber every so many ms.
 //
-//   traffic NAME SERVER PUB_ENDPOINT SUB_ENDPOINT
+//   traffic NAME SERVER PUB_ENDPOINT SUB_ENDPOINT PERIOD [CHURN]
 //
 // Whatever changes is told on stdout, at most every 20 ms, as one JSON object a line.
 #include <array>
+#include <chrono>
 #include <iostream>
 #include <map>
-#include <set>
+#include <optional>
 
 #include <unistd.h>
 
@@ -16,25 +18,31 @@
 #include <tolvan/vesk/v1/connection.hpp>
 #include <tolvan/vesk/v1/publisher.hpp>
 #include <tolvan/vesk/v1/reqrep_client.hpp>
+#include <tolvan/vesk/v1/reqrep_server.hpp>
 #include <tolvan/vesk/v1/subscriber.hpp>
 
 namespace {
 
 using namespace tolvan;
 using milliseconds = event_loop_v1::milliseconds;
+using clock = std::chrono::steady_clock;
 
 class traffic {
   public:
     traffic(std::string name_on_the_bus, std::string server_id, const std::string& pub,
-            const std::string& sub)
+            const std::string& sub, milliseconds period)
         : name(std::move(name_on_the_bus)),
           server(std::move(server_id)),
           bus({.pub_endpoint = pub, .sub_endpoint = sub}, loop) {
         subscriber.subscribe(
             "tick", [this](const std::string& topic) { hear(topic); }, nullptr);
         loop->watch_fd({STDIN_FILENO}, 0, [this](auto, auto) { read_stdin(); });
-        every(milliseconds(5), sending, [this] { send(); });
+        every(period, sending, [this] { send(); });
         every(milliseconds(20), telling, [this] { tell(); });
+    }
+
+    void churn(milliseconds period) {
+        every(period, renewing, [this] { renew(); });
     }
 
     void run() { loop->run(); }
@@ -51,7 +59,7 @@ class traffic {
 
     void send() {
         const long number = ++counts["sent"];
-        outstanding.insert(number);
+        outstanding.emplace(number, clock::now());
         publisher.publish("tick." + name + "." + std::to_string(number), "");
         client.request(server, "echo", std::to_string(number), true,
                        [this, number](const std::string* reply, const auto&) { end(number, reply); });
@@ -60,12 +68,14 @@ class traffic {
     void hear(const std::string& topic) {
         const std::string own = "tick." + name + ".";
         if (!topic.starts_with(own)) return void(++counts["foreign"]);
-        ++counts["heard"];
-        counts["last_heard"] = std::stol(topic.substr(own.size()));
+        const long number = std::stol(topic.substr(own.size()));
+        if (counts["heard"]++ != 0) counts["lost"] += number - counts["last_heard"] - 1;
+        counts["last_heard"] = number;
     }
 
     void end(long number, const std::string* reply) {
-        if (outstanding.erase(number) == 0) ++counts["ended_twice"];
+        const auto begun = outstanding.extract(number);
+        if (!begun) return void(++counts["ended_twice"]);
         if (reply == nullptr) {
             ++counts["failed"];
             counts["last_failed"] = number;
@@ -73,6 +83,22 @@ class traffic {
         }
         ++counts[*reply == std::to_string(number) ? "answered" : "answered_wrongly"];
         counts["last_answered"] = number;
+        counts["round_trips_us"] +=
+            static_cast<long>((clock::now() - begun.mapped()) / std::chrono::microseconds(1));
+    }
+
+    void renew() {
+        const std::string passing = name + "-passing";
+        passing_client.emplace();
+        passing_server.emplace();
+        passing_server->set_uuid(passing);
+        passing_server->set_command_handler<sedes::v1::opaque_json_block>(
+            "echo", true, [](auto&& request, auto&& /*payload*/) { request.reply("1"); });
+        passing_subscriber.emplace();
+        passing_subscriber->subscribe(passing + "." + std::to_string(++counts["renewed"]), nullptr, nullptr);
+        passing_client->request(passing, "echo", "1", true, [this](const std::string* reply, const auto&) {
+            counts["passing_answered"] += reply != nullptr;
+        });
     }
 
     void read_stdin() {
@@ -100,19 +126,25 @@ class traffic {
     vesk::v1::publisher publisher;
     vesk::v1::reqrep_client client;
     vesk::v1::subscriber subscriber;
-    timer sending, telling;
+    std::optional<vesk::v1::reqrep_client> passing_client;
+    std::optional<vesk::v1::reqrep_server> passing_server;
+    std::optional<vesk::v1::subscriber> passing_subscriber;
+    timer sending, telling, renewing;
     std::map<std::string, long> counts = {
-        {"sent", 0},        {"heard", 0},           {"last_heard", 0},  {"answered", 0},
-        {"failed", 0},      {"last_answered", 0},   {"last_failed", 0}, {"foreign", 0},
-        {"ended_twice", 0}, {"answered_wrongly", 0}};
+        {"sent", 0},     {"heard", 0},           {"last_heard", 0},       {"lost", 0},
+        {"answered", 0}, {"failed", 0},          {"last_answered", 0},    {"last_failed", 0},
+        {"foreign", 0},  {"ended_twice", 0},     {"answered_wrongly", 0}, {"round_trips_us", 0},
+        {"renewed", 0},  {"passing_answered", 0}};
     std::map<std::string, long> told;
-    std::set<long> outstanding;
+    std::map<long, clock::time_point> outstanding;
     bool finishing = false;
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 5) return 2;
-    traffic(argv[1], argv[2], argv[3], argv[4]).run();
+    if (argc < 6) return 2;
+    traffic application(argv[1], argv[2], argv[3], argv[4], milliseconds(std::stol(argv[5])));
+    if (argc > 6) application.churn(milliseconds(std::stol(argv[6])));
+    application.run();
 }
