@@ -50,7 +50,8 @@ class HubFaults(EndToEndTest):
 
     def await_recovery(self, application):
         """Something that is sent from now on is heard, and something is answered."""
-        sent = self.counts(application)["sent"]
+        told = self.counts(application)["sent"]  # a while ago
+        sent = self.await_counts(application, lambda now: now["sent"] > told)["sent"]
         return self.await_counts(application, lambda now: min(now["last_heard"], now["last_answered"]) > sent)
 
     def await_traffic(self, application, amount):
