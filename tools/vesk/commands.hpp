@@ -17,5 +17,6 @@ void add_pub_command(CLI::App& app, const common_options& common, chosen_command
 void add_sub_command(CLI::App& app, const common_options& common, chosen_command& chosen);
 void add_request_command(CLI::App& app, const common_options& common, chosen_command& chosen);
 void add_serve_command(CLI::App& app, const common_options& common, chosen_command& chosen);
+void add_bench_command(CLI::App& app, const common_options& common, chosen_command& chosen);
 
 }  // namespace tolvan::vesk::tool

@@ -1,25 +1,21 @@
 #pragma once
 
-#include <cstdint>
 #include <functional>
-#include <string>
 
 #include <tolvan/vesk/v1/publisher.hpp>
 #include <tolvan/vesk/v1/subscriber.hpp>
 
+#include "numbered_topic.hpp"
 #include "session.hpp"
 
 namespace tolvan::vesk::tool {
-
-/// The topics of probes begin with this; they are nobody's messages.
-inline constexpr const char* probe_prefix = "vesk.probe.";
 
 /// Numbered markers that go to the hub and come back. Messages of a process keep their order on both roads: a
 /// marker that is back says that the hub has relayed everything published before it, and that it knows
 /// every subscription made before.
 class echo {
   public:
-    using number = std::uint64_t;
+    using number = numbered_topic::number;
 
     /// Subscribes to a probe topic of its own; `returned` is called with the number of each marker that comes
     /// back, at most one per millisecond.
@@ -28,7 +24,7 @@ class echo {
     void send(number marker);
 
   private:
-    std::string topic;
+    numbered_topic topic;
     v1::subscriber subscriber;
     v1::publisher publisher;
 };

@@ -24,7 +24,8 @@ void open_missing_standard_streams() {
 int run(int argc, char** argv) {
     open_missing_standard_streams();
     CLI::App app(
-        "Shows the vesk message bus at work: runs its hub, publishes, subscribes, requests and serves.",
+        "Shows the vesk message bus at work: runs its hub, publishes, subscribes, requests, serves and "
+        "measures.",
         "vesk");
     app.set_version_flag("--version", "vesk " VESK_VERSION);
     app.require_subcommand(1);
@@ -38,6 +39,7 @@ int run(int argc, char** argv) {
     add_sub_command(app, common, chosen);
     add_request_command(app, common, chosen);
     add_serve_command(app, common, chosen);
+    add_bench_command(app, common, chosen);
     try {
         app.parse(shielded(argc, argv));
     } catch (const CLI::ParseError& error) {
