@@ -35,7 +35,7 @@ constexpr unsigned most_deliveries_a_second = 1000;
 constexpr unsigned most_round_trips_a_second = 250;
 
 struct bench_options {
-    unsigned rate = 1000;
+    unsigned rate = 500;
     std::uint64_t size = 100;
     std::optional<std::uint64_t> count;  ///< without it each phase has its own
     bool own_hub = false;
@@ -90,6 +90,7 @@ class bench_command {
     int run() {
         const int status = process.run();
         bar.clear();
+        if (status == failed) tell("interrupted while measuring: " + phases.front()->title());
         return status == done ? tell_report() : status;
     }
 
@@ -187,7 +188,8 @@ void add_bench_command(CLI::App& app, const common_options& common, chosen_comma
     command
         .add_option("--rate", options->rate,
                     "Messages a second while latency is measured, at most 1000: the bus delivers one a "
-                    "millisecond. Requests are three deliveries each, and go out at 250 a second at most")
+                    "millisecond, and near that never makes up for a delay. Requests are three deliveries "
+                    "each, and go out at 250 a second at most")
         ->check(CLI::Range(1U, most_deliveries_a_second))
         ->capture_default_str();
     command.add_option("--size", options->size, "Bytes of data a message")

@@ -78,23 +78,27 @@ class panel {
     double y_of(double count) const { return bottom - plot_height * count / count_limit; }
 
     std::string title() const {
-        std::string title = times.title;
+        std::string title = fmt::format("{}, {} times", times.title, times.ms.size());
         title.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(title.front())));
         return title;
     }
 
     std::string count_axis() const {
         std::string svg;
-        for (double count = 0; count <= count_limit; count += count_step)
-            svg += line("grid", plot_left, y_of(count), plot_right, y_of(count)) +
-                   line("axis", plot_left - tick_length, y_of(count), plot_left, y_of(count)) +
-                   text("end", plot_left - 8, y_of(count) + 4, fmt::format("{:.0f}", count));
+        for (int tick = 0; tick * count_step <= count_limit; ++tick) svg += count_tick(tick * count_step);
         const double middle = (top + bottom) / 2;
         return svg + line("axis", plot_left, top, plot_left, bottom) +
                fmt::format(
                    R"svg(<text class="middle" transform="translate(25 {}) rotate(-90)">messages</text>)svg"
                    "\n",
                    middle);
+    }
+
+    std::string count_tick(double count) const {
+        const double y = y_of(count);
+        return line("grid", plot_left, y, plot_right, y) +
+               line("axis", plot_left - tick_length, y, plot_left, y) +
+               text("end", plot_left - 8, y + 4, fmt::format("{:.0f}", count));
     }
 
     std::string bars() const {
@@ -112,8 +116,8 @@ class panel {
 
     std::string time_axis() const {
         std::string svg = line("axis", plot_left, bottom, plot_right, bottom);
-        for (double power = bin_begin(bins.first); power <= bin_begin(bins.last + 1); power *= 10)
-            for (const double digit : {1.0, 2.0, 5.0}) svg += time_tick(digit * power);
+        for (int decade = bins.first; decade <= bins.last + 1; decade += bins_a_decade)
+            for (const double digit : {1.0, 2.0, 5.0}) svg += time_tick(digit * bin_begin(decade));
         return svg + text("middle", (plot_left + plot_right) / 2, bottom + 40, "milliseconds, logarithmic");
     }
 
