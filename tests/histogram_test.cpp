@@ -1,6 +1,8 @@
 #include "histogram.hpp"
 
+#include <algorithm>
 #include <cstddef>
+#include <iterator>
 #include <numeric>
 #include <vector>
 
@@ -21,7 +23,8 @@ std::vector<double> up_to(std::size_t count) {
 TEST(percentile, is_the_smallest_value_that_so_many_do_not_exceed) {
     const auto told_of = [](const std::vector<double>& sorted) {
         std::vector<double> told;
-        for (const auto& [name, rank] : percentiles) told.push_back(value_at(rank, sorted));
+        std::transform(percentiles.begin(), percentiles.end(), std::back_inserter(told),
+                       [&](const percentile& asked) { return value_at(asked.per_mille, sorted); });
         return told;
     };
     EXPECT_THAT(told_of({7}), ElementsAre(7, 7, 7, 7, 7, 7));
