@@ -1,36 +1,46 @@
 #pragma once
 
+#include <list>
 #include <memory>
 #include <string>
 
 #include <tolvan/vesk/hub/subscriber_impl.hpp>
 
-#include "stopwatch.hpp"
+#include "ratio.hpp"
 #include "support/hub_sides.hpp"
 #include "support/manual_event_loop.hpp"
 
 namespace tolvan::bench {
 
-/// A subscriber backend with one subscriber. The benchmark is its hub and its event loop.
+/// A subscriber backend. The benchmark is its hub and its event loop.
 class receiver {
   public:
-    /// Subscribes and waits until the hub's side knows it. To be called once for each topic.
+    /// One more subscriber; for another topic of the last one use `subscribe`.
+    void add_subscriber() { clients.emplace_back(); }
+
+    /// Subscribes for the last subscriber, with a notify callback alone, and waits until the hub's side knows
+    /// it. To be called once for each topic.
     void subscribe(const std::string& topic) {
         backend->subscribe(
-            &client, topic, [this](const std::string&) { ++matched; },
-            [](const std::string&, const std::string&) {});
+            &clients.back(), topic, [this](const std::string&) { ++matched; }, nullptr);
         hub.filter();
         loop->poll_once(0);  // only a socket that is asked now and then may go on setting filters
     }
 
-    /// Real time in which the receive handler takes in `count` messages that wait for it, in seconds. What
-    /// it has queued is delivered afterwards.
+    /// CPU time in which the receive handler takes in `count` messages that wait for it, in seconds.
     double receive_seconds(const std::string& topic, const std::string& data, int count) {
+        return receive(topic, data, count, [](auto call) { return cpu_seconds_of(call); });
+    }
+
+    /// What `measure` says of the call that takes in `count` messages. What that has queued is delivered
+    /// afterwards.
+    template <typename Measure>
+    double receive(const std::string& topic, const std::string& data, int count, Measure measure) {
         for (int i = 0; i < count; ++i) hub.relay(topic, data);
-        const double spent = seconds_of([this] { loop->poll_once(1000); });
-        loop->advance(count);
+        const double measured = measure([this] { loop->poll_once(1000); });
+        loop->advance(count * static_cast<int>(clients.size()));
         loop->made_timers.clear();
-        return spent;
+        return measured;
     }
 
     /// Matches so far.
@@ -41,7 +51,7 @@ class receiver {
     std::shared_ptr<test::manual_event_loop> loop = std::make_shared<test::manual_event_loop>();
     std::shared_ptr<vesk::hub::subscriber_impl> backend =
         std::make_shared<vesk::hub::subscriber_impl>(loop, hub.sub_endpoint());
-    vesk::v1::subscriber client;
+    std::list<vesk::v1::subscriber> clients{1};
     int matched = 0;
 };
 

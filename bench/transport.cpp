@@ -1,14 +1,11 @@
-// What the backends add to czmq: each is measured beside the bare czmq calls that it makes, in turns, and the
-// counter is the ratio of the two.
+// What the backends add to czmq: each beside the bare czmq calls that it makes.
+#include <chrono>
 #include <string>
-
-#include <benchmark/benchmark.h>
 
 #include <tolvan/vesk/hub/publisher_impl.hpp>
 
+#include "allocations.hpp"
 #include "receiver.hpp"
-#include "stopwatch.hpp"
-#include "support/hub_sides.hpp"
 
 namespace {
 
@@ -23,7 +20,7 @@ const std::string topic = "plant.pump.pressure";
 template <typename Send>
 double send_seconds(test::hub_sides& hub, Send send) {
     hub.meet_publisher();
-    const double spent = bench::seconds_of([&] {
+    const double spent = bench::cpu_seconds_of([&] {
         for (int i = 0; i < batch; ++i) send();
     });
     for (int i = 0; i < batch; ++i) hub.published();
@@ -31,13 +28,13 @@ double send_seconds(test::hub_sides& hub, Send send) {
 }
 
 void send_bare(zsock_t* socket, const std::string& data) {
-    const vesk::hub::metadata_t metadata;
-    zmsg_t* const message = zmsg_new();
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    const vesk::hub::metadata_t metadata{.timestamp_ms = now / std::chrono::milliseconds(1)};
+    zmsg_t* message = zmsg_new();
     zmsg_addstr(message, topic.c_str());
     zmsg_addstr(message, data.c_str());
     zmsg_addmem(message, &metadata, sizeof metadata);
-    zmsg_t* sent = message;
-    zmsg_send(&sent, socket);
+    zmsg_send(&message, socket);
 }
 
 // A SUB socket that is read with czmq alone.
@@ -49,67 +46,60 @@ class bare_receiver {
         hub.filter();
     }
 
-    double receive_seconds(const std::string& data) {
+    template <typename Measure>
+    double receive(const std::string& data, Measure measure) {
         for (int i = 0; i < batch; ++i) hub.relay(topic, data);
-        return bench::seconds_of([this] {
-            while ((zsock_events(socket.get()) & ZMQ_POLLIN) != 0) receive();
+        return measure([this] {
+            while ((zsock_events(socket.get()) & ZMQ_POLLIN) != 0) receive_message();
         });
     }
 
   private:
-    void receive() {
+    void receive_message() {
         const message_ptr received(zmsg_recv(socket.get()));
-        for (int frame = 0; frame < 3; ++frame) {
-            const text_ptr text(zmsg_popstr(received.get()));
-            benchmark::DoNotOptimize(text.get());
-        }
+        const text_ptr texts[] = {pop(received), pop(received), pop(received)};
+        std::string strings[] = {texts[0].get(), texts[1].get()};
+        benchmark::DoNotOptimize(strings);
     }
+    static text_ptr pop(const message_ptr& received) { return text_ptr(zmsg_popstr(received.get())); }
 
     test::hub_sides hub;
     vesk::hub::socket socket{ZMQ_SUB};
 };
 
-// Runs both in turns and reports the time of one message through the library and what it is of the bare time.
-template <typename Library, typename Bare>
-void compare(benchmark::State& state, Library library_seconds, Bare bare_seconds) {
-    double spent_by_library = 0, spent_by_bare = 0;
-    for (auto _ : state) {
-        const double spent = library_seconds();
-        spent_by_bare += bare_seconds();
-        spent_by_library += spent;
-        state.SetIterationTime(spent / batch);
-    }
-    state.counters["times_bare_czmq"] = spent_by_library / spent_by_bare;
-}
-
-std::string data_of(const benchmark::State& state) {
-    return std::string(static_cast<std::size_t>(state.range(0)), 'x');
-}
-
 void publish(benchmark::State& state) {
-    const std::string data = data_of(state);
+    const std::string data(static_cast<std::size_t>(state.range(0)), 'x');
     test::hub_sides hub, bare_hub;
     vesk::hub::publisher_impl publisher(hub.pub_endpoint(), false);
     const vesk::hub::socket bare(ZMQ_XPUB);
     zsock_connect(bare.get(), "%s", bare_hub.pub_endpoint().c_str());
-    compare(
-        state, [&] { return send_seconds(hub, [&] { publisher.publish(nullptr, topic, data); }); },
-        [&] { return send_seconds(bare_hub, [&] { send_bare(bare.get(), data); }); });
+    const auto send = [&] { publisher.publish(nullptr, topic, data); };
+    const auto send_alone = [&] { send_bare(bare.get(), data); };
+    bench::compare(
+        state, batch, 1.05, [&] { return send_seconds(hub, send); },
+        [&] { return send_seconds(bare_hub, send_alone); });
+    state.counters["allocations"] = static_cast<double>(bench::heap_use_of(send).allocations);
+    state.counters["limit_allocations"] = static_cast<double>(bench::heap_use_of(send_alone).allocations);
 }
 
 void receive(benchmark::State& state) {
-    const std::string data = data_of(state);
+    const std::string data(static_cast<std::size_t>(state.range(0)), 'x');
     bench::receiver receiver;
     receiver.subscribe(topic);
     bare_receiver bare;
-    compare(
-        state, [&] { return receiver.receive_seconds(topic, data, batch); },
-        [&] { return bare.receive_seconds(data); });
+    const auto seconds = [](auto call) { return bench::cpu_seconds_of(call); };
+    const auto allocations = [](auto call) {
+        return static_cast<double>(bench::heap_use_of(call).allocations) / batch;
+    };
+    bench::compare(
+        state, batch, 1.15, [&] { return receiver.receive(topic, data, batch, seconds); },
+        [&] { return bare.receive(data, seconds); });
+    state.counters["allocations"] = receiver.receive(topic, data, batch, allocations);
+    state.counters["limit_allocations"] = bare.receive(data, allocations);
 }
 
 void data_sizes(benchmark::internal::Benchmark* cases) {
-    cases->ArgName("bytes")->Arg(100)->Arg(10'000)->UseManualTime()->Unit(benchmark::kMicrosecond);
-    cases->Iterations(500)->Repetitions(5)->ReportAggregatesOnly();
+    cases->ArgName("bytes")->Arg(100)->Arg(10'000)->UseManualTime()->Iterations(2000);
 }
 
 BENCHMARK(publish)->Apply(data_sizes);

@@ -5,6 +5,7 @@
 // Notify callbacks run from the receive handler, handle callbacks from the dispatch timer; both may call
 // anything of the bus. call_out.hpp says how that is kept safe.
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <stdexcept>
 
@@ -184,8 +185,10 @@ void subscriber_impl::update_latency(std::int64_t timestamp_ms) {
 void subscriber_impl::deliver(const std::shared_ptr<std::string>& topic,
                               const std::shared_ptr<std::string>& data) {
     const auto self = weak_from_this();
-    const auto wanted = wanted_topics(*topic);
-    for (const match& found : find_matches(wanted)) {
+    std::array<std::byte, 512>
+        room;  // enough for what a message matches as a rule; beyond it the heap serves
+    std::pmr::monotonic_buffer_resource scratch(room.data(), room.size());
+    for (const match& found : find_matches(wanted_topics(*topic, scratch), scratch)) {
         const sub_functions* subscription = find_subscription(found);
         if (subscription == nullptr) continue;
         if (subscription->notify_fn) {
@@ -201,25 +204,26 @@ void subscriber_impl::deliver(const std::shared_ptr<std::string>& topic,
 
 // The topics with subscriptions that `received` matches, in ascending order. Goes by the lengths that
 // subscribed topics have: whatever is received, it costs no more than the subscribed topics are long.
-std::vector<std::string> subscriber_impl::wanted_topics(const std::string& received) const {
-    std::vector<std::string> wanted;
+std::pmr::vector<std::string_view> subscriber_impl::wanted_topics(const std::string& received,
+                                                                  std::pmr::memory_resource& scratch) const {
+    std::pmr::vector<std::string_view> wanted(&scratch);
     for (const auto& [length, topics] : topic_lengths) {
         if (length > received.size()) break;
         if (!ends_segment(received, length)) continue;
-        std::string prefix = received.substr(0, length);
-        if (topic_refs.contains(prefix)) wanted.push_back(std::move(prefix));
+        const std::string_view prefix(received.data(), length);
+        if (topic_refs.contains(prefix)) wanted.push_back(prefix);
     }
     return wanted;
 }
 
-std::vector<subscriber_impl::match> subscriber_impl::find_matches(
-    const std::vector<std::string>& wanted) const {
-    std::vector<match> found;
+std::pmr::vector<subscriber_impl::match> subscriber_impl::find_matches(
+    const std::pmr::vector<std::string_view>& wanted, std::pmr::memory_resource& scratch) const {
+    std::pmr::vector<match> found(&scratch);
     if (wanted.empty()) return found;
     for (const auto& [subscriber, topics] : subscriptions)
-        for (const std::string& topic : wanted)
+        for (const std::string_view topic : wanted)
             if (const auto entry = topics.find(topic); entry != topics.end())
-                found.push_back({subscriber, &topic, entry->second.serial});
+                found.push_back({subscriber, topic, entry->second.serial});
     return found;
 }
 
@@ -227,7 +231,7 @@ std::vector<subscriber_impl::match> subscriber_impl::find_matches(
 const subscriber_impl::sub_functions* subscriber_impl::find_subscription(const match& found) const {
     const auto subscriber = subscriptions.find(found.subscriber);
     if (subscriber == subscriptions.end()) return nullptr;
-    const auto entry = subscriber->second.find(*found.topic);
+    const auto entry = subscriber->second.find(found.topic);
     const bool same = entry != subscriber->second.end() && entry->second.serial == found.serial;
     return same ? &entry->second : nullptr;
 }

@@ -27,17 +27,23 @@ unsigned print(char* dest, unsigned size, const char* spec, const T& value) {
     }
 }
 
+// Most texts are printed as they are.
+unsigned print_text(char* dest, unsigned size, const char* spec, std::string_view text) {
+    if (std::strcmp(spec, "{}") == 0) return static_cast<unsigned>(text.copy(dest, size));
+    return print(dest, size, spec, text);
+}
+
 }  // namespace
 
 unsigned var_printer<std::string>::operator()(char* dest, unsigned size, const char* spec,
                                               const std::string& value) const {
-    return print(dest, size, spec, std::string_view(value).substr(0, size));
+    return print_text(dest, size, spec, std::string_view(value).substr(0, size));
 }
 
 unsigned var_printer<char*>::operator()(char* dest, unsigned size, const char* spec,
                                         const char* value) const {
     if (value == nullptr) value = "(null)";
-    return print(dest, size, spec, std::string_view(value, ::strnlen(value, size)));
+    return print_text(dest, size, spec, std::string_view(value, ::strnlen(value, size)));
 }
 
 unsigned var_printer<int>::operator()(char* dest, unsigned size, const char* spec, int value) const {
@@ -87,16 +93,19 @@ unsigned message_formatter<>::write_till_next_replacement() {
         if (position != opening) return ++placeholders_seen;
         append(position++, 1);  // a brace that opens no placeholder stands for itself
     }
-    append(position, std::strlen(position));
-    position += std::strlen(position);
+    const std::size_t rest = std::strlen(position);
+    append(position, rest);
+    position += rest;
     return 0;
 }
 
 // Returns what follows the placeholder, or `opening` itself when none begins there.
 const char* message_formatter<>::take_placeholder(const char* opening) {
-    const char* const closing = std::strchr(opening, '}');
-    const bool well_formed = closing != nullptr && (opening[1] == '}' || opening[1] == ':') &&
-                             closing - opening < static_cast<std::ptrdiff_t>(longest_placeholder);
+    const char* const closing = opening[1] == '}'   ? opening + 1
+                                : opening[1] == ':' ? std::strchr(opening, '}')
+                                                    : nullptr;
+    const bool well_formed =
+        closing != nullptr && closing - opening < static_cast<std::ptrdiff_t>(longest_placeholder);
     if (!well_formed) return opening;
     const auto size = static_cast<std::size_t>(closing + 1 - opening);
     std::memcpy(placeholder, opening, size);
@@ -117,8 +126,11 @@ void message_formatter<>::generate_output() {
 }
 
 void message_formatter<>::scrub_buffer() {
-    const auto is_control = [](unsigned char c) { return c < 0x20 || c == 0x7F; };
-    std::replace_if(buffer, get_buffer_free_ptr(), is_control, '?');
+    const auto scrubbed = [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return byte < 0x20 || byte == 0x7F ? '?' : c;
+    };
+    std::transform(buffer, get_buffer_free_ptr(), buffer, scrubbed);
 }
 
 void message_formatter<>::append(const char* bytes, std::size_t size) {

@@ -25,20 +25,32 @@
 
 namespace tolvan::vesk::hub {
 
+namespace detail {
+
+template <typename... Arguments>
+struct shared_callable {
+    std::shared_ptr<const std::function<void(Arguments...)>> callable;
+    void operator()(Arguments... arguments) const { (*callable)(std::forward<Arguments>(arguments)...); }
+};
+
+}  // namespace detail
+
 /// The same callback with its callable in shared ownership, so that a copy of it calls the very same
 /// callable. An empty callback stays empty.
 template <typename... Arguments>
 std::function<void(Arguments...)> shareable(std::function<void(Arguments...)>&& callback) {
     if (!callback) return {};
-    return [callable = std::make_shared<std::function<void(Arguments...)>>(std::move(callback))](
-               Arguments... arguments) { (*callable)(std::forward<Arguments>(arguments)...); };
+    return detail::shared_callable<Arguments...>{
+        std::make_shared<std::function<void(Arguments...)>>(std::move(callback))};
 }
 
 /// Calls a stored `shareable` callback. Throws what the callback throws, std::bad_function_call for an empty
 /// one.
 template <typename... Arguments>
 void call_out(const std::function<void(Arguments...)>& stored, std::type_identity_t<Arguments>... arguments) {
-    const auto standing = stored;
+    const auto* const shared = stored.template target<detail::shared_callable<Arguments...>>();
+    if (shared == nullptr) throw std::bad_function_call();
+    const auto standing = *shared;  // unlike a copy of `stored`, this takes no memory
     standing(std::forward<Arguments>(arguments)...);
 }
 

@@ -6,7 +6,9 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <memory_resource>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -35,6 +37,12 @@ class subscriber_impl final : public v1::subscriber::backend,
   private:
     using handle_function = std::function<void(const std::string& topic, const std::string& data)>;
 
+    /// Lets a part of a received topic be looked up as it is, without a copy.
+    struct text_hash {
+        using is_transparent = void;
+        std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
+    };
+
     /// One subscription. Stays at its address for as long as it exists.
     struct sub_functions {
         std::function<void(const std::string& topic)> notify_fn;
@@ -50,10 +58,11 @@ class subscriber_impl final : public v1::subscriber::backend,
         const handle_function* target;
     };
 
-    /// A subscription that a message matches, by the keys to look it up again.
+    /// A subscription that a message matches, by the keys to look it up again. The topic's bytes are those of
+    /// the message.
     struct match {
         v1::subscriber* subscriber;
-        const std::string* topic;
+        std::string_view topic;
         std::uint64_t serial;
     };
 
@@ -68,8 +77,10 @@ class subscriber_impl final : public v1::subscriber::backend,
     void read_metadata(zmsg_t* received);
 
     void deliver(const std::shared_ptr<std::string>& topic, const std::shared_ptr<std::string>& data);
-    std::vector<std::string> wanted_topics(const std::string& received) const;
-    std::vector<match> find_matches(const std::vector<std::string>& wanted) const;
+    std::pmr::vector<std::string_view> wanted_topics(const std::string& received,
+                                                     std::pmr::memory_resource& scratch) const;
+    std::pmr::vector<match> find_matches(const std::pmr::vector<std::string_view>& wanted,
+                                         std::pmr::memory_resource& scratch) const;
     const sub_functions* find_subscription(const match& found) const;
 
     void start_dispatch_timer();
@@ -80,8 +91,9 @@ class subscriber_impl final : public v1::subscriber::backend,
     // socket.
     std::shared_ptr<event_loop_v1> event_loop;
     socket sub_socket;
-    std::unordered_map<v1::subscriber*, std::map<std::string, sub_functions>> subscriptions;
-    std::unordered_map<std::string, unsigned> topic_refs;  ///< subscriptions counted for each hub filter
+    std::unordered_map<v1::subscriber*, std::map<std::string, sub_functions, std::less<>>> subscriptions;
+    /// How many subscriptions are counted for each hub filter.
+    std::unordered_map<std::string, unsigned, text_hash, std::equal_to<>> topic_refs;
     std::list<message> dispatch_queue;
     event_loop_v1::holder<timer_impl_base> dispatch_timer;
     std::int64_t stats_since = 0;  ///< loop time of the last latency report, in milliseconds

@@ -1,0 +1,101 @@
+"""Runs the benchmarks and makes a table of them, or checks that no figure is far off.
+
+  report.py PROGRAM check        runs once; fails on a figure that is at more than twice its reach
+  report.py PROGRAM table RUNS   runs several times, and prints the table for docs/performance.md
+"""
+
+import json
+import statistics
+import subprocess
+import sys
+
+ROWS = {  # benchmark: (what is measured, what its cost is divided by)
+    "publish/bytes:100": ("CPU of `publish`, 100 bytes", "the same czmq calls alone"),
+    "publish/bytes:10000": ("CPU of `publish`, 10 000 bytes", "the same czmq calls alone"),
+    "receive/bytes:100": ("CPU of receiving a message, 100 bytes", "the same czmq calls alone"),
+    "receive/bytes:10000": ("CPU of receiving a message, 10 000 bytes", "the same czmq calls alone"),
+    "notify_latency/p50": ("publisher to notify callback at 1000 a second, p50", "a bare epoll loop"),
+    "notify_latency/p99": ("publisher to notify callback at 1000 a second, p99", "a bare epoll loop"),
+    "deliveries_in_a_burst": ("deliveries a second in a burst, median", "1000"),
+    "requests_back_to_back": ("round trip of a request back to back, p50", "3.00 ms"),
+    "requests_at_random_moments": ("round trip of a request at random moments, p50", "2.84 ms"),
+    "refused_log_call": ("a log call that no sink wants, ns more", "a comparison with a global"),
+    "admitted_log_call": ("a log call that is wanted", "`memset` of 4096 bytes, `fmt::format_to_n`"),
+    "topics_of_one_subscriber/1000": ("matching among 1000 topics of a subscriber", "among 10"),
+    "topics_of_one_subscriber/100000": ("matching among 100 000 topics of a subscriber", "among 10"),
+    "megabyte_of_dots/100000": ("matching a megabyte of dots among 100 000 topics", "among 10"),
+    "subscribers_of_other_topics/1000": ("a message that none of 1000 subscribers wants", "that none of 10 wants"),
+    "subscribers_of_other_topics/10000": ("a message that none of 10 000 subscribers wants", "that none of 10 wants"),
+    "subscribers_of_one_topic_each/1000": ("a message that one of 1000 subscribers wants", "a plain walk over them"),
+    "subscribers_of_one_topic_each/10000": ("a message that one of 10 000 subscribers wants", "a plain walk over them"),
+    "issuing_and_ending_a_request/outstanding:60000": ("issuing and ending a request, 60 000 outstanding",
+                                                       "10 outstanding"),
+    "hub_deliveries/subscribers:1": ("hub, deliveries a second to 1 subscriber", "libzmq's proxy"),
+    "hub_deliveries/subscribers:10": ("hub, deliveries a second to 10 subscribers", "libzmq's proxy"),
+    "hub_deliveries/subscribers:100": ("hub, deliveries a second to 100 subscribers", "libzmq's proxy"),
+    "memory_of_a_queued_delivery": ("memory of a queued delivery", "what its record holds"),
+    "memory_of_a_subscription": ("memory of a subscription", "what its record holds"),
+    "memory_of_an_outstanding_request": ("memory of an outstanding request", "what its record holds"),
+}
+UNITS = {"microseconds": "µs", "milliseconds": "ms", "per_second": "/s", "bytes": "bytes"}
+
+
+def run(program):
+    """The benchmarks by their names, without what the name says of the way they are run."""
+    output = subprocess.run([program, "--benchmark_format=json"], check=True, stdout=subprocess.PIPE).stdout
+    results = {each["name"].split("/iterations:")[0]: each for each in json.loads(output)["benchmarks"]}
+    for name, result in results.items():
+        if "error_message" in result:
+            sys.exit(f"{name}: {result['error_message']}")
+    if results.keys() != ROWS.keys():
+        sys.exit(f"benchmarks without a row, or rows without a benchmark: {results.keys() ^ ROWS.keys()}")
+    return results
+
+
+def reach(result):
+    return ("≤", result["at_most"]) if "at_most" in result else ("≥", result["at_least"])
+
+
+def is_far_off(result):
+    kind, limit = reach(result)
+    return result["figure"] > 2 * limit if kind == "≤" else result["figure"] < limit / 2
+
+
+def check(program):
+    results = run(program)
+    for name, result in results.items():
+        kind, limit = reach(result)
+        print(f"{'FAR OFF' if is_far_off(result) else 'ok     '} {ROWS[name][0]}: {result['figure']:.2f} "
+              f"(reach {kind} {limit}) of {ROWS[name][1]}")
+    return 1 if any(map(is_far_off, results.values())) else 0
+
+
+def readable(value):
+    return f"{value:,.0f}".replace(",", " ") if value >= 1000 else f"{value:.3g}"
+
+
+def cost(result, prefix=""):
+    for key, unit in UNITS.items():
+        if prefix + key in result:
+            nanoseconds = key == "microseconds" and result[prefix + key] < 0.1
+            return f"{result[prefix + key] * 1000:.3g} ns" if nanoseconds else f"{readable(result[prefix + key])} {unit}"
+    return ""
+
+
+def table(program, runs):
+    results = [run(program) for _ in range(runs)]
+    print("| measured | divided by | ratio | spread | reach | itself | limit | allocations, limit's |")
+    print("|---|---|---|---|---|---|---|---|")
+    for name, (measured, limit) in ROWS.items():
+        figures = sorted(result[name]["figure"] for result in results)
+        middle = min((result[name] for result in results),
+                     key=lambda one: abs(one["figure"] - statistics.median(figures)))
+        kind, wanted = reach(middle)
+        counts = [f"{middle[key]:.0f}" for key in ("allocations", "limit_allocations") if key in middle]
+        print(f"| {measured} | {limit} | **{middle['figure']:.2f}** | {figures[0]:.2f} to {figures[-1]:.2f} | "
+              f"{kind} {wanted:g} | {cost(middle)} | {cost(middle, 'limit_')} | {', '.join(counts)} |")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(check(sys.argv[1]) if sys.argv[2] == "check" else table(sys.argv[1], int(sys.argv[3])))
