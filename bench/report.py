@@ -71,7 +71,11 @@ def check(program):
 
 
 def readable(value):
-    return f"{value:,.0f}".replace(",", " ") if value >= 1000 else f"{value:.3g}"
+    return f"{value:,.0f}".replace(",", " ") if value >= 999.5 else f"{value:.3g}"
+
+
+def ratio(figure):
+    return f"{round(figure, 2) + 0:.2f}"  # without a sign of zero
 
 
 def cost(result, prefix=""):
@@ -92,7 +96,7 @@ def table(program, runs):
                      key=lambda one: abs(one["figure"] - statistics.median(figures)))
         kind, wanted = reach(middle)
         counts = [f"{middle[key]:.0f}" for key in ("allocations", "limit_allocations") if key in middle]
-        print(f"| {measured} | {limit} | **{middle['figure']:.2f}** | {figures[0]:.2f} to {figures[-1]:.2f} | "
+        print(f"| {measured} | {limit} | **{ratio(middle['figure'])}** | {ratio(figures[0])} to {ratio(figures[-1])} | "
               f"{kind} {wanted:g} | {cost(middle)} | {cost(middle, 'limit_')} | {', '.join(counts)} |")
     return 0
 

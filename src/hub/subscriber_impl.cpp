@@ -39,6 +39,12 @@ frame pop_frame(zmsg_t* message) {
     return {text_ptr(zmsg_popstr(message)), size};
 }
 
+// Shared as one by all deliveries of a message.
+struct topic_and_data {
+    std::string topic;
+    std::string data;
+};
+
 // Whether a subscription topic of that length, being a prefix of `received`, covers whole segments of it.
 bool ends_segment(const std::string& received, std::size_t length) {
     return length == 0 || length == received.size() || received[length] == '.';
@@ -148,11 +154,12 @@ void subscriber_impl::receive_message() {
                  "Failed to receive 0MQ message off of socket; dropping");
         return;
     }
-    const auto topic = std::make_shared<std::string>(pop_frame(received.get()).text());
-    const auto data = std::make_shared<std::string>(pop_frame(received.get()).text());
+    const auto texts = std::make_shared<topic_and_data>();
+    texts->topic = pop_frame(received.get()).text();
+    texts->data = pop_frame(received.get()).text();
     read_metadata(received.get());
     received.reset();
-    deliver(topic, data);
+    deliver({texts, &texts->topic}, {texts, &texts->data});
 }
 
 void subscriber_impl::read_metadata(zmsg_t* received) {
@@ -254,10 +261,15 @@ void subscriber_impl::dispatch_one_message() {
 
 // Takes a copy of the message: the one in the queue may go while its callback runs.
 void subscriber_impl::make_delivery(message delivery) {
+    const auto log = [](const std::exception& caught) {
+        LUMO_LOG(lumo::v1::error, source_file, "dispatch_one_message", "exception caught: {}", caught.what());
+    };
+    // Whoever wants notifications alone would have an exception thrown for every message.
+    if (!*delivery.target) return log(std::bad_function_call());
     try {
         call_out(*delivery.target, *delivery.topic, *delivery.data);
     } catch (const std::exception& caught) {
-        LUMO_LOG(lumo::v1::error, source_file, "dispatch_one_message", "exception caught: {}", caught.what());
+        log(caught);
     } catch (...) {
         LUMO_LOG(lumo::v1::error, source_file, "dispatch_one_message",
                  "exception caught (no more info available)");
