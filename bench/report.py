@@ -1,6 +1,6 @@
 """Runs the benchmarks and makes a table of them, or checks that no figure is far off.
 
-  report.py PROGRAM check        runs once; fails on a figure that is at more than twice its reach
+  report.py PROGRAM check        fails on a figure that stays at more than twice its reach
   report.py PROGRAM table RUNS   runs several times, and prints the table for docs/performance.md
 """
 
@@ -62,12 +62,18 @@ def is_far_off(result):
 
 
 def check(program):
-    results = run(program)
-    for name, result in results.items():
-        kind, limit = reach(result)
-        print(f"{'FAR OFF' if is_far_off(result) else 'ok     '} {ROWS[name][0]}: {result['figure']:.2f} "
-              f"(reach {kind} {limit}) of {ROWS[name][1]}")
-    return 1 if any(map(is_far_off, results.values())) else 0
+    """A figure has to be far off three times: a machine that has something else to do is no fault."""
+    suspects = ROWS.keys()
+    for _ in range(3):
+        results = run(program)
+        for name, result in results.items():
+            kind, limit = reach(result)
+            print(f"{'FAR OFF' if is_far_off(result) else 'ok     '} {ROWS[name][0]}: {result['figure']:.2f} "
+                  f"(reach {kind} {limit}) of {ROWS[name][1]}", flush=True)
+        suspects = {name for name in suspects if is_far_off(results[name])}
+        if not suspects:
+            return 0
+    return 1
 
 
 def readable(value):
