@@ -192,8 +192,8 @@ void subscriber_impl::update_latency(std::int64_t timestamp_ms) {
 void subscriber_impl::deliver(const std::shared_ptr<std::string>& topic,
                               const std::shared_ptr<std::string>& data) {
     const auto self = weak_from_this();
-    std::array<std::byte, 512>
-        room;  // enough for what a message matches as a rule; beyond it the heap serves
+    // Enough for what a message matches as a rule; beyond it the heap serves.
+    std::array<std::byte, 512> room;
     std::pmr::monotonic_buffer_resource scratch(room.data(), room.size());
     for (const match& found : find_matches(wanted_topics(*topic, scratch), scratch)) {
         const sub_functions* subscription = find_subscription(found);
