@@ -2,6 +2,7 @@
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(czmq REQUIRED IMPORTED_TARGET libczmq)
 pkg_check_modules(zmq REQUIRED IMPORTED_TARGET libzmq)
+pkg_check_modules(cppzmq REQUIRED IMPORTED_TARGET cppzmq)
 pkg_check_modules(libuuid REQUIRED IMPORTED_TARGET uuid)
 find_package(fmt REQUIRED)
 find_package(spdlog REQUIRED)

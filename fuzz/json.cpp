@@ -12,20 +12,16 @@ namespace {
 using namespace tolvan;
 using namespace tolvan::sedes::v1;
 
-struct everything_t {
-    std::string text;
-    std::int64_t number = 0;
-    double real = 0;
-    bool flag = false;
+struct record_t {
+    float real = 0;
     std::vector<std::uint8_t> bytes;
     optional<opaque_json_block> block;
-    optional<std::shared_ptr<everything_t>> inner;
+    optional<std::shared_ptr<record_t>> inner;
 
     static constexpr auto description() {
-        return composite(plain("text", &everything_t::text), plain("number", &everything_t::number),
-                         plain("real", &everything_t::real), plain("flag", &everything_t::flag),
-                         plain("bytes", &everything_t::bytes), optional_member("block", &everything_t::block),
-                         optional_member("inner", &everything_t::inner));
+        return composite(plain("real", &record_t::real), plain("bytes", &record_t::bytes),
+                         optional_member("block", &record_t::block),
+                         optional_member("inner", &record_t::inner));
     }
 };
 
@@ -51,8 +47,7 @@ bool survives(const std::string& text) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
     const bool json = survives<Variant>(text);
-    fuzz::require(json || !survives<everything_t>(text), "a record is JSON");
-    Variant::string(text).toJson();
+    fuzz::require(json || !survives<record_t>(text), "a record is JSON");
     fuzz::require(survives<std::string>(Variant::string(text).toJson()), "any text can be written as JSON");
     return 0;
 }

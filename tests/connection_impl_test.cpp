@@ -5,7 +5,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <tolvan/asio_event_loop.hpp>
 #include <tolvan/vesk/hub/publisher_impl.hpp>
 #include <tolvan/vesk/hub/subscriber_impl.hpp>
 #include <tolvan/vesk/hub/zmq_types.hpp>
@@ -55,8 +58,15 @@ class a_connection : public testing::Test {
 
 TEST_F(a_connection, carries_messages_of_both_directions_also_after_the_object_is_gone) {
     ::setenv("ZSYS_SIGHANDLER", "true", 1);
-    { connection(conf(), loop).set_service_name("any"); }
+    conf_t waiting = conf();
+    waiting.block_on_first_publish = true;
+    { connection(waiting, loop).set_service_name("any"); }
     EXPECT_STREQ("false", std::getenv("ZSYS_SIGHANDLER"));
+    hub.meet_publisher();
+    const test::captured_log log;
+    publisher().publish("svc:a", "waits for the hub");
+    EXPECT_THAT(log.lines.at(0), HasSubstr("doing a blocking receive"));
+    EXPECT_EQ("waits for the hub", hub.published().at(1));
 
     subscriber receiver;
     std::string received;
@@ -67,56 +77,61 @@ TEST_F(a_connection, carries_messages_of_both_directions_also_after_the_object_i
     EXPECT_EQ("data", received);
 }
 
-TEST_F(a_connection, hands_the_first_publish_flag_on_and_sends) {
-    conf_t waiting = conf();
-    waiting.block_on_first_publish = true;
-    const connection bus(waiting, loop);
-    hub.meet_publisher();
-    const test::captured_log log;
-    publisher().publish("svc:a", "data");
-    EXPECT_EQ("data", hub.published().at(1));
-    EXPECT_EQ(
-        1,
-        log.count("3 src/hub/publisher_impl publish: Sending first PUB message, doing a blocking receive"));
-}
-
-TEST_F(a_connection, that_lacks_an_endpoint_changes_no_slot) {
-    const auto incomplete = "incomplete configuration provided for hub-based configuration";
-    EXPECT_EQ(incomplete, failure_of({.pub_endpoint = "", .sub_endpoint = "inproc://x"}));
-    EXPECT_EQ(incomplete, failure_of({.pub_endpoint = "inproc://x", .sub_endpoint = ""}));
-    EXPECT_EQ(std::tuple(nullptr, nullptr, nullptr, nullptr), slots());
-}
-
-TEST_F(a_connection, that_fails_half_way_leaves_what_was_installed_before) {
+TEST_F(a_connection, that_fails_leaves_what_was_installed_before) {
     const connection first(conf(), loop);
     const auto before = slots();
-    conf_t bad = conf();
-    bad.sub_endpoint = "not-%s-endpoint";
-    EXPECT_EQ("could not connect to ZMQ subscription socket at not-%s-endpoint, reason -1", failure_of(bad));
+    const std::string incomplete = "incomplete configuration provided for hub-based configuration";
+    EXPECT_EQ(incomplete, failure_of({.pub_endpoint = "", .sub_endpoint = "inproc://x"}));
+    EXPECT_EQ(incomplete, failure_of({.pub_endpoint = "inproc://x", .sub_endpoint = ""}));
+    const std::string bad = "not-%s-endpoint", refused = " socket at " + bad + ", reason -1";
+    EXPECT_EQ("could not connect to ZMQ subscription" + refused,
+              failure_of({.pub_endpoint = hub.pub_endpoint(), .sub_endpoint = bad}));
     EXPECT_EQ(before, slots());
-
-    bad = conf();
-    bad.pub_endpoint = "not-%s-endpoint";
-    EXPECT_EQ("could not connect to ZMQ publishing socket at not-%s-endpoint, reason -1", failure_of(bad));
-    auto expected = before;
-    std::get<0>(expected) = subscriber::backend::instance;
-    EXPECT_NE(before, expected);
-    EXPECT_EQ(expected, slots());
+    EXPECT_EQ("could not connect to ZMQ publishing" + refused,
+              failure_of({.pub_endpoint = bad, .sub_endpoint = hub.sub_endpoint()}));
+    EXPECT_NE(std::get<0>(before), subscriber::backend::instance);
+    subscriber::backend::instance = std::get<0>(before);
+    EXPECT_EQ(before, slots());
 }
 
-TEST_F(a_connection, that_is_made_again_replaces_and_destroys_the_backends) {
+TEST_F(a_connection, that_is_made_again_replaces_and_destroys_the_backends_in_the_order_of_their_needs) {
     const connection first(conf(), loop);
     const auto weak = [](const auto&... slot) { return std::tuple(std::weak_ptr(slot)...); };
     const auto old = std::apply(weak, slots());
     const connection second(conf(), loop);
     std::apply([](const auto&... gone) { EXPECT_TRUE((gone.expired() && ...)); }, old);
+
+    auto& client = vesk::v1::reqrep_client::backend::instance;
+    client = {client.get(), [held = client](auto*) { EXPECT_TRUE(subscriber::backend::instance); }};
+    vesk::v1::release_backends();
+    EXPECT_EQ(std::tuple(nullptr, nullptr, nullptr, nullptr), slots());
+}
+
+// A child shares the parent's epoll set: what it takes out there, the parent does not hear any more.
+TEST_F(a_connection, stays_open_when_a_forked_child_ends_by_exit) {
+    const auto epoll = std::make_shared<asio_event_loop>();
+    const connection bus(conf(), epoll);
+    subscriber receiver;
+    std::string received;
+    receiver.subscribe("a", nullptr, [&](const auto&, const auto& data) { received = data, epoll->stop(); });
+    hub.await_filter(hub.set("a"));
+    std::fflush(nullptr);
+    const pid_t child = ::fork();
+    if (child == 0) std::exit(0);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status));  // a leak checker may change the code: czmq forgets all after a fork
+    hub.relay("a", "heard");
+    const auto patience = epoll->create_timer("test", std::chrono::seconds(20), {}, [&] { epoll->stop(); });
+    epoll->run();
+    EXPECT_EQ("heard", received);
 }
 
 TEST_F(a_connection, to_a_missing_library_or_one_without_the_factory_names_both) {
-    EXPECT_THAT(failure_of({.backend = "nowhere"}),
-                AllOf(HasSubstr("libvesk-nowhere.so"), HasSubstr("tolvan_vesk_v1_connection_impl")));
-    EXPECT_THAT(failure_of({.backend = LIBRARY_WITHOUT_FACTORY}),
-                AllOf(HasSubstr(LIBRARY_WITHOUT_FACTORY), HasSubstr("tolvan_vesk_v1_connection_impl")));
+    const auto factory = HasSubstr("tolvan_vesk_v1_connection_impl");
+    EXPECT_THAT(failure_of({.backend = "nowhere"}), AllOf(HasSubstr(" libvesk-nowhere.so for"), factory));
+    EXPECT_THAT(failure_of({.backend = "no/where.so"}), HasSubstr(" no/where.so for"));
+    EXPECT_THAT(failure_of({.backend = "lacking"}), AllOf(HasSubstr("/libvesk-lacking.so has no"), factory));
 }
 
 TEST_F(a_connection, is_needed_to_use_a_bus_object_but_not_to_destroy_one) {
@@ -135,7 +150,8 @@ TEST_F(a_connection, is_needed_to_use_a_bus_object_but_not_to_destroy_one) {
 TEST(a_named_client, without_a_uuid_has_an_identity_of_its_own_that_no_topic_is_cut_at) {
     subscriber one;
     const subscriber two;
-    EXPECT_THAT(one.get_uuid_or_luid(), testing::MatchesRegex("luid-[0-9]+-[0-9]+"));
+    const std::string own = "luid-" + std::to_string(::getpid()) + "-";
+    EXPECT_THAT(one.get_uuid_or_luid(), testing::MatchesRegex(own + "[0-9]+"));
     EXPECT_NE(one.get_uuid_or_luid(), two.get_uuid_or_luid());
     one.set_uuid("svc");
     EXPECT_EQ("svc", one.get_uuid_or_luid());

@@ -8,6 +8,7 @@ import fcntl
 import json
 import os
 import pathlib
+import pty
 import re
 import shutil
 import signal
@@ -25,12 +26,8 @@ PATIENCE = 60  # seconds
 DONE, FAILED, WRONG_USAGE, TIMED_OUT = range(4)
 
 
-def steady_ms():
-    return time.monotonic_ns() // 10**6
-
-
-def metadata(version=1):
-    return struct.pack("<B7xq", version, steady_ms())
+def metadata():
+    return struct.pack("<B7xq", 1, time.monotonic_ns() // 10**6)
 
 
 def log_file():
@@ -40,12 +37,24 @@ def log_file():
     return file
 
 
+def await_that(holds, *processes):
+    """Waits until something holds, at most as long as all these processes run, and gives it."""
+    give_up = time.monotonic() + PATIENCE
+    while True:
+        hopeless = time.monotonic() > give_up or any(process.poll() is not None for process in processes)
+        if it := holds():
+            return it
+        if hopeless:
+            raise AssertionError([(process.args, process.output[-20:], process.log[-2000:]) for process in processes])
+        time.sleep(0.005)
+
+
 class Process(subprocess.Popen):
     """A process whose output can be read while it runs."""
 
-    def __init__(self, command, environment, stdin):
+    def __init__(self, command, environment, **streams):
         self.files = {stream: log_file() for stream in ("stdout", "stderr")}
-        super().__init__(command, env=environment, stdin=stdin, **self.files)
+        super().__init__(command, env=environment, **{"stdin": subprocess.DEVNULL, **self.files, **streams})
 
     def text(self, stream):
         return os.pread(self.files[stream].fileno(), 1 << 24, 0).decode(errors="backslashreplace")
@@ -60,15 +69,7 @@ class Process(subprocess.Popen):
 
     def await_line(self, pattern, stream="stderr"):
         """Waits for a whole line of that stream that the pattern matches, and gives the match."""
-        give_up = time.monotonic() + PATIENCE
-        while time.monotonic() < give_up:
-            ended = self.poll() is not None
-            if match := re.search(f"{pattern}.*\n", self.text(stream), re.MULTILINE):
-                return match
-            if ended:
-                break
-            time.sleep(0.005)
-        raise AssertionError(f"no {pattern!r}: {self.output[-20:]} {self.log[-2000:]}")
+        return await_that(lambda: re.search(f"{pattern}.*\n", self.text(stream), re.MULTILINE), self)
 
     def feed(self, text, close=True):
         self.stdin.write(text)
@@ -107,12 +108,12 @@ class ForeignClient:
         probe = f"vesk.probe.{uuid.uuid4()}"
         for topic in (*topics, probe):
             self.subscription.subscribe(topic)
-        give_up = time.monotonic() + PATIENCE
-        while time.monotonic() < give_up:
+
+        def is_back():
             self.publish(probe, "", metadata())
-            if self.subscription.poll(20) and self.subscription.recv_multipart()[0] == probe.encode():
-                return
-        raise AssertionError("the hub does not answer")
+            return self.subscription.poll(20) and self.subscription.recv_multipart()[0] == probe.encode()
+
+        await_that(is_back)
 
     def publish(self, *frames):
         self.publishing.send_multipart([f if isinstance(f, bytes) else f.encode() for f in frames])
@@ -133,8 +134,8 @@ class EndToEndTest(unittest.TestCase):
                      if not name.startswith(("VESK_", "XDG_"))}
         self.environment = self.bare | dict(zip(("VESK_PUB_ENDPOINT", "VESK_SUB_ENDPOINT"), self.endpoints))
 
-    def start(self, program, *arguments, stdin=subprocess.DEVNULL, environment=None):
-        process = Process([BIN / program, *arguments], environment or self.environment, stdin)
+    def start(self, program, *arguments, environment=None, **streams):
+        process = Process([BIN / program, *arguments], environment or self.environment, **streams)
         self.addCleanup(process.clean_up)
         return process
 
@@ -179,11 +180,11 @@ class PublishAndSubscribe(EndToEndTest):
         self.client = self.foreign_client("line", "end")
 
     def test_subscribers_get_whole_segments_and_nothing_that_stands_before_the_first_colon(self):
-        published = ["a.b", "a.bc", "a", "a.b.c", "svc:a.b", "svc:a.b:c", ":exact", "end"]
+        published = ["a.b", "a.bc", "a", "svc:a.b.c", ":exact", "end"]
         cases = {  # subscribed topics: deliveries
-            ("a.b", "exact", "end"): ["a.b", "a.b.c", "a.b", "exact", "end"],
+            ("a.b", "exact", "end"): ["a.b", "a.b.c", "exact", "end"],
             ("svc:a.b", "end"): ["end"],
-            (): ["a.b", "a.bc", "a", "a.b.c", "a.b", "a.b:c", "exact", "end"],
+            (): ["a.b", "a.bc", "a", "a.b.c", "exact", "end"],
         }
         subs = [self.start_ready("sub", *topics, "--count", str(len(cases[topics]))) for topics in cases]
         as_json = self.start_ready("sub", "--json", "--count", "1")
@@ -196,10 +197,14 @@ class PublishAndSubscribe(EndToEndTest):
         self.assertEqual((delivery["topic"], delivery["data"]), ("a.b", 'tab\t "quote" é'))
 
     def test_options_count_before_and_after_the_subcommand_and_above_the_environment(self):
-        pub, sub = ["--pub-endpoint", self.endpoints[0]], ["--sub-endpoint", self.endpoints[1]]
+        pub, sub = ["--pub-endpoint", "tcp://127.0.0.1:*"], ["--sub-endpoint", "tcp://127.0.0.1:*"]
+        hub = self.start_hub(*pub, *sub, "--stats", "0.05")
+        pub[1], sub[1] = hub.await_line("bound to (.*) and (.*)").groups()
         misled = self.bare | {"VESK_PUB_ENDPOINT": "not-an-endpoint", "VESK_SUB_ENDPOINT": "not-an-endpoint"}
-        for arguments in ([*pub, *sub, "pub", "t", "d"], [*pub, "pub", "t", "d", *sub]):
-            self.assert_ends(self.vesk(*arguments, environment=misled), DONE)
+        for arguments, log in (([*pub, *sub, "pub", "t", "d"], ""),
+                               ([*pub, "pub", "t", "d", *sub, "--log-level", "3"], "topic: 't' data: d")):
+            self.assert_ends(self.vesk(*arguments, environment=misled), DONE, log)
+        hub.await_line(r"relayed [1-9]\d* messages \(\d+ bytes\)")
 
     def test_without_endpoints_hub_and_clients_meet_in_the_runtime_folder(self):
         environment = self.bare | {"XDG_RUNTIME_DIR": str(self.folder)}
@@ -207,50 +212,30 @@ class PublishAndSubscribe(EndToEndTest):
         self.publish("t", "d", environment=environment)
         self.assertEqual((self.folder / "vesk").stat().st_mode & 0o777, 0o700)
 
-    def test_data_of_censored_topics_is_sent_but_not_logged(self):
-        sub = self.start_ready("sub", "--count", "2")
-        for topic, logged in (("cts/lamp:door", "censored"), ("lamp:cts/door", "4711")):
-            pub = self.vesk("pub", topic, "4711", "--log-level", "3")
-            self.assert_ends(pub, DONE, f"topic: '{topic.split(':')[1]}' data: {logged}\n")
-            self.assertEqual("4711" in pub.log, logged == "4711")
-        self.assert_ends(sub, DONE, output=["door 4711", "cts/door 4711"])
-
-    def test_the_example_greets_and_asks_itself_through_the_hub(self):
-        program = self.start("first_program", *self.endpoints)
-        self.assert_ends(program, DONE, output=["greeting.morning: hello, bus", "geometry.area: 42"])
-        self.assertEqual(program.log, "")
-
-    def test_a_publication_is_three_frames_with_version_zeros_and_steady_clock(self):
-        before = steady_ms()
-        self.publish("svc:line.a", '{"é": ""}')
-        topic, data, record = self.client.receive()
-        self.assertEqual((topic, data, record[:8]), (b"line.a", '{"é": ""}'.encode(), b"\1" + bytes(7)))
-        self.assertEqual(len(record), 16)
-        self.assertTrue(before <= int.from_bytes(record[8:], "little", signed=True) <= steady_ms())
-
-    def test_messages_of_other_shapes_are_delivered_or_dropped_with_a_word(self):
-        sub = self.start_ready("sub", "t", "--count", "4")
-        for frames in (["0", metadata(2)], ["1"], [], ["2", b"\1 short", b"more"], ["", metadata()]):
-            self.client.publish("t", *frames)
-        self.assert_ends(sub, DONE, "unsupported metadata version=2", ["t 0", "t 1", "t 2", "t "])
-        self.assertIn("Failed to receive 0MQ message off of socket; dropping", sub.log)
+    def test_programs_of_the_library_do_their_work_and_end_in_silence_whatever_is_still_alive(self):
+        for program, output in (("first_program", ["greeting.morning: hello, bus", "geometry.area: 42"]),
+                                ("silent_exit", [])):
+            process = self.start(program, *self.endpoints)
+            self.assertEqual((process.end(), process.output, process.log), (DONE, output, ""))
 
     def test_each_line_of_stdin_is_a_message_unless_the_wire_cannot_carry_it(self):
-        for text, wanted in ((b"one\n\nthree", [b"one", b"", b"three"]), (b"one\r\n \n", [b"one\r", b" "]),
-                             (b"\n", [b""]), (b"", []), (b"x" * 300_000 + b"\ny", [b"x" * 300_000, b"y"])):
-            with self.subTest(text[:20]):
-                pub = self.vesk("pub", "line", stdin=subprocess.PIPE)
-                pub.feed(text)
-                self.assert_ends(pub, DONE)
-                self.publish("end", "")
-                self.assertEqual([self.client.receive()[1] for _ in wanted], wanted)
-                self.assertEqual(self.client.receive()[0], b"end")
+        for text, wanted in ((b"one\n\nthree", [b"one", b"", b"three"]), (b"one\r\n \n", [b"one\r", b" "]), (b"", []),
+                             (b"x" * 300_000 + b"\ny", [b"x" * 300_000, b"y"])):
+            pub = self.vesk("pub", "line", stdin=subprocess.PIPE)
+            pub.feed(text)
+            self.assert_ends(pub, DONE)
+            self.publish("end", "")
+            self.assertEqual([self.client.receive()[:2] for _ in (*wanted, "end")],
+                             [*([b"line", line] for line in wanted), [b"end", b""]])
         pub = self.vesk("pub", "line", stdin=subprocess.PIPE)
-        for line in (b"before", b"the next"):
-            pub.feed(line + b"\n", close=False)
-            self.assertEqual(self.client.receive()[1], line)
+        pub.feed(b"before\n", close=False)
+        self.assertEqual(self.client.receive()[1], b"before")  # although there is more to come
         pub.feed(b"with \0 in it\n")
-        self.assert_ends(pub, FAILED, "message 3 has a NUL byte")
+        self.assert_ends(pub, FAILED, "line 2 has a NUL byte")
+        for size, status, told in ((16 << 20, DONE, ""), ((16 << 20) + 1, FAILED, "line 2 is longer than 16 MiB")):
+            pub = self.vesk("pub", "line", stdin=subprocess.PIPE)
+            pub.feed(b"before\n" + b"x" * size)
+            self.assert_ends(pub, status, told)
 
     def test_a_hundred_thousand_lines_arrive_complete_and_in_order_from_a_file_and_from_a_pipe(self):
         lines = [b"%d" % number for number in range(100_000)]
@@ -262,108 +247,93 @@ class PublishAndSubscribe(EndToEndTest):
                 self.assertEqual([self.client.receive()[1] for _ in lines], lines)
                 self.assert_ends(pub, DONE)
 
+    def test_a_terminal_gets_what_a_peer_has_sent_in_visible_letters_and_a_file_gets_its_bytes(self):
+        sent = b"\x1b]0;owned\x07 \xc2\x9b \xe2\x80\xae \xff\r"
+        near, terminal = pty.openpty()
+        subs = [self.start_ready("sub", "t", "--count", "1", **stdout) for stdout in ({"stdout": terminal}, {})]
+        self.client.publish("t", sent, metadata())
+        for sub in subs:
+            self.assert_ends(sub, DONE)
+        self.assertEqual(os.read(near, 1000), rb"t \x1b]0;owned\x07 \u009b \u202e \xff\x0d" + b"\r\n")
+        self.assertEqual(os.pread(subs[1].files["stdout"].fileno(), 1000, 0), b"t " + sent + b"\n")
+        for end in (near, terminal):
+            os.close(end)
+
 
 class Refusals(EndToEndTest):
     def test_who_waits_in_vain_gives_up_in_time_and_says_what_for(self):
-        endpoints = " and ".join(self.endpoints)
         self.assert_ends(self.vesk("pub", "t", "d", "--timeout", "0.2"), TIMED_OUT,
-                         "no answer from the hub at " + endpoints)
-        self.start_hub()
-        self.assert_ends(self.vesk("sub", "--timeout", "0.2"), TIMED_OUT, "timed out after 0 messages")
-
-    def test_a_publisher_whose_hub_dies_does_not_claim_success(self):
+                         "no answer from the hub at " + " and ".join(self.endpoints))
         hub = self.start_hub()
+        self.assert_ends(self.vesk("sub", "--timeout", "0.2"), TIMED_OUT, "timed out after 0 messages")
         client = self.foreign_client("line")
         pub = self.vesk("pub", "line", "--timeout", "0.5", stdin=subprocess.PIPE)
         pub.feed(b"before\n", close=False)
         client.receive()
         hub.end(signal.SIGKILL)
         pub.feed(b"after\n")
-        self.assert_ends(pub, TIMED_OUT, " of 2 messages are not confirmed")
+        self.assert_ends(pub, TIMED_OUT, " of 2 messages are not confirmed: line")
+
+    def test_what_the_libraries_below_would_answer_with_an_assertion_is_said_in_words(self):
+        for limit in ("-1", "many"):
+            pub = self.vesk("pub", "t", "d", environment=self.environment | {"ZSYS_SNDHWM": limit})
+            self.assert_ends(pub, FAILED, f"vesk: ZSYS_SNDHWM in the environment is '{limit}'")
+        for command in (["pub", "t", "d"], ["bench", "--own-hub"]):
+            process = self.start("/usr/bin/prlimit", "--nofile=12", BIN / "vesk", *command)
+            self.assert_ends(process, FAILED, "more descriptors can be opened")
 
     def test_a_rejected_endpoint_is_named(self):
         rejected = "could not connect to ZMQ %s socket at not-an-endpoint, reason -1"
-        for option, endpoint, text in (
-                ("--sub-endpoint", "not-an-endpoint", rejected % "subscription"),
-                ("--pub-endpoint", "not-an-endpoint", rejected % "publishing"),
-                ("--pub-endpoint", "", "incomplete configuration provided for hub-based configuration")):
-            for command in (["pub", "t", "d"], ["sub"]):
-                process = self.vesk(option, endpoint, *command)
-                self.assertEqual((process.end(), process.log), (FAILED, "vesk: " + text))
+        for command, option, endpoint, text in (
+                ("sub", "--sub-endpoint", "not-an-endpoint", rejected % "subscription"),
+                ("pub t d", "--pub-endpoint", "not-an-endpoint", rejected % "publishing"),
+                ("pub t d", "--pub-endpoint", "", "incomplete configuration provided for hub-based configuration")):
+            process = self.vesk(option, endpoint, *command.split())
+            self.assertEqual((process.end(), process.log), (FAILED, "vesk: " + text))
 
     def test_wrong_usage_is_told_apart_from_failure_and_from_help(self):
-        cases = ("", "nonsense", "pub", "pub t d more", "pub t d --timeout 0", "sub --count 0",
-                 "sub --count many", "sub --timeout -1", "sub --no-such-option", "hub more",
-                 "--log-level 4 sub", "sub --log-level -2")
+        cases = ("", "nonsense", "pub", "pub t d more", "pub t d --timeout 0", "sub --count 0", "sub --count many",
+                 "sub --timeout -1", "sub --no-such-option", "hub more", "--log-level 4 sub", "sub --log-level -2")
         self.assert_wrong_usage(*(arguments.split() for arguments in cases))
         for arguments in ("--help", "pub --help", "--version"):
             process = self.vesk(*arguments.split())
-            self.assertEqual((process.end(), process.log), (DONE, ""))
-            self.assertNotEqual(process.output, [])
+            self.assert_ends(process, DONE)
+            self.assertTrue(process.output and not process.log)
 
 
 class Hub(EndToEndTest):
-    def test_is_refused_on_endpoints_of_another_or_of_everybody_and_leaves_the_other_one_working(self):
-        self.start_hub()
-        self.assert_ends(self.vesk("hub"), FAILED, f"{self.endpoints[0]}: another hub holds it")
-        remote = self.vesk("hub", "--pub-endpoint", "tcp://0.0.0.0:*")
-        self.assert_ends(remote, FAILED, "tcp://0.0.0.0:*: not a loopback address")
-        self.publish("t", "d")
-
-    def test_ends_well_at_a_signal_and_removes_its_sockets_and_a_subscriber_ends_well_too(self):
-        for number in (signal.SIGINT, signal.SIGTERM):
+    def test_refuses_endpoints_of_another_or_of_everybody_and_ends_well_at_a_signal_without_its_sockets(self):
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
             hub = self.start_hub()
-            self.assertEqual(self.start_ready("sub").end(number), DONE)
-            self.assertNotEqual(os.listdir(self.folder), [])
+            self.assert_ends(self.vesk("hub"), FAILED, f"{self.endpoints[0]}: another hub, process {hub.pid}, holds it")
+            self.assertEqual(self.start_ready("sub").end(number), DONE)  # the first hub is still there
             self.assertEqual(hub.end(number), DONE)
             self.assertEqual(os.listdir(self.folder), [])
-
-    def test_serves_loopback_tcp_and_tells_its_counters(self):
-        hub = self.start_hub("--pub-endpoint", "tcp://127.0.0.1:*", "--sub-endpoint", "tcp://127.0.0.1:*",
-                             "--stats", "0.05")
-        pub, sub = hub.await_line("bound to (.*) and (.*)").groups()
-        self.publish("t", "d", "--pub-endpoint", pub, "--sub-endpoint", sub)
-        hub.await_line(r"relayed [1-9]\d* messages \(\d+ bytes\)")
-
-    def test_that_was_killed_and_restarted_goes_on_serving_a_running_subscriber(self):
-        hub = self.start_hub()
-        sub = self.start_ready("sub", "t", "--count", "2")
-        self.publish("t", "before")
-        sub.await_line("before", stream="stdout")
-        hub.end(signal.SIGKILL)
-        self.start_hub()
-        client = self.foreign_client()
-        give_up = time.monotonic() + PATIENCE
-        while sub.poll() is None and time.monotonic() < give_up:
-            client.publish("t", "after", metadata())
-            client.subscribe()  # one round through the hub
-        self.assert_ends(sub, DONE, output=["t before", "t after"])
-
+        remote = self.vesk("hub", "--pub-endpoint", "tcp://0.0.0.0:*")
+        self.assert_ends(remote, FAILED, "tcp://0.0.0.0:*: not a loopback address")
 
     def test_lets_a_subscriber_have_thousands_of_topics_also_after_a_restart(self):
         topics = [f"topic.{number}" for number in range(3000)]
         last = "topic.last"  # both in the command line and in the order of the bytes, which a restart goes by
         hub = self.start_hub()
         sub = self.start_ready("sub", *topics, last)
+        published = [*topics[::7], last]  # what is lost is lost by the hundred
         for data in ("before", "after"):
             client = self.foreign_client()
-            give_up = time.monotonic() + PATIENCE
-            while f"{last} probe {data}" not in sub.output and time.monotonic() < give_up:
+
+            def is_back():
                 client.publish(last, f"probe {data}", metadata())
                 client.subscribe()  # one round through the hub
-            for topic in (*topics, last):
+                return f"{last} probe {data}" in sub.output
+
+            await_that(is_back, sub)
+            for topic in published:
                 client.publish(topic, data, metadata())
             sub.await_line(f"^{last} {data}$", stream="stdout")
             self.assertEqual([line for line in sub.output if line.endswith(f" {data}") and "probe" not in line],
-                             [f"{topic} {data}" for topic in (*topics, last)])
+                             [f"{topic} {data}" for topic in published])
             hub.end(signal.SIGKILL)
             hub = self.start_hub()
-
-
-class Exit(EndToEndTest):
-    def test_is_silent_with_every_backend_installed_and_bus_objects_alive(self):
-        process = self.start("silent_exit", *self.endpoints)
-        self.assertEqual((process.end(), process.output, process.log), (DONE, [], ""))
 
 
 if __name__ == "__main__":

@@ -1,8 +1,12 @@
+#include <atomic>
 #include <limits>
 #include <stdexcept>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -17,29 +21,36 @@ using holder = tolvan::event_loop_v1::holder<tolvan::timer_impl_base>;
 
 class event_loop : public testing::Test {
   protected:
-    ~event_loop() override { ::close(fd); }
+    ~event_loop() override {
+        for (const int opened : {fd, other, silent}) ::close(opened);
+    }
     void make_readable() { ::eventfd_write(fd, 1); }
     holder after(milliseconds delay, std::function<void()> callback) {
         return loop.create_timer("test", delay, 0ms, std::move(callback));
     }
     const int fd = ::eventfd(0, 0);
+    const int other = ::eventfd(1, 0);
+    const int silent = ::eventfd(0, 0);
     asio_event_loop loop;
 };
 
-TEST_F(event_loop, a_chain_of_timers_never_fires_before_its_point_on_the_millisecond_grid) {
-    const auto start = loop.now();
-    int fired = 0;
+// One that is late now and then is not to blame; one whose every step takes two points is off the grid.
+TEST_F(event_loop, a_chain_of_timers_never_fires_before_its_point_on_the_millisecond_grid_but_soon_on_it) {
+    auto before = loop.now();
+    int fired = 0, next_points = 0;
     holder timer;
     const std::function<void()> step = [&] {
-        EXPECT_GE(loop.now(), start + milliseconds(++fired));
+        const auto took = loop.now() - std::exchange(before, loop.now());
+        EXPECT_GE(took, 1ms);
         EXPECT_FALSE(timer->pending);
-        if (fired == 20) return loop.stop();
+        next_points += took == 1ms;
+        if (++fired > 2000 || (fired >= 20 && next_points > 0)) return loop.stop();
         timer = after(1ms, step);
         EXPECT_TRUE(timer->pending);
     };
     timer = after(1ms, step);
     loop.run();
-    EXPECT_EQ(20, fired);
+    EXPECT_GT(next_points, 0);
 }
 
 TEST_F(event_loop, timers_fire_in_the_order_of_their_due_times_and_past_delays_at_once) {
@@ -82,7 +93,8 @@ TEST_F(event_loop, a_watch_is_called_as_long_as_its_descriptor_is_readable_and_w
     int calls = 0;
     holder next;
     make_readable();
-    loop.watch_fd({fd}, 0, [&](auto readable, auto) {
+    loop.watch_fd({fd}, 0, [&](auto readable, auto events) {
+        EXPECT_EQ(POLLIN, events.bits);
         if (++calls < 3) return;
         eventfd_t drained = 0;
         ::eventfd_read(readable.value, &drained);
@@ -91,6 +103,21 @@ TEST_F(event_loop, a_watch_is_called_as_long_as_its_descriptor_is_readable_and_w
     });
     loop.run();
     EXPECT_EQ(4, calls);
+}
+
+TEST_F(event_loop, a_watch_is_not_called_for_the_event_of_one_that_ended_in_the_same_turn) {
+    int calls = 0;
+    const auto replace_the_other = [&](auto ready, auto) {
+        ++calls;
+        loop.unwatch_fd({ready.value == fd ? other : fd});
+        loop.watch_fd({silent}, 0, [](auto, auto) { FAIL() << "nothing was readable"; });
+    };
+    make_readable();
+    loop.watch_fd({fd}, 0, replace_the_other);
+    loop.watch_fd({other}, 0, replace_the_other);
+    const auto end = after(0ms, [&] { loop.stop(); });
+    loop.run();
+    EXPECT_EQ(1, calls);
 }
 
 TEST_F(event_loop, an_exception_leaves_run_and_nothing_is_lost_for_the_next_run_not_even_after_a_stop) {
@@ -130,6 +157,13 @@ TEST_F(event_loop, misuse_is_refused_with_a_text_that_names_it) {
         loop.stop();
     });
     loop.run();
+}
+
+TEST_F(event_loop, run_waits_also_when_there_is_nothing_to_wait_for) {
+    std::atomic<bool> stopping = false;
+    const std::jthread stopper([&] { stopping = true, loop.stop(); });
+    loop.run();
+    EXPECT_TRUE(stopping);
 }
 
 TEST_F(event_loop, a_stop_before_run_ends_the_next_run_only_and_a_timer_may_outlive_its_loop) {

@@ -1,30 +1,17 @@
-#include <cstdlib>
 #include <memory>
-#include <new>
+#include <optional>
 #include <stdexcept>
 
 #include <gmock/gmock.h>
 
 #include <tolvan/lumo/v1/log.hpp>
 
+#include "support/allocations.hpp"
 #include "support/captured_log.hpp"
-
-static std::size_t allocations = 0;
-
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    ++allocations;
-    if (void* const memory = std::malloc(size)) return memory;
-    throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
 
 namespace {
 
+using tolvan::test::allocations;
 using tolvan::test::captured_log;
 namespace lumo = tolvan::lumo::v1;
 using milliseconds = std::chrono::duration<long long, std::milli>;
@@ -40,11 +27,13 @@ std::string text_of(const char* format, const Arguments&... arguments) {
 }
 
 TEST(log_text, puts_each_argument_in_the_place_of_its_placeholder) {
-    EXPECT_EQ("no placeholder", text_of("no placeholder"));
+    const std::string longest = "{:" + std::string(28, '0') + "}",
+                      too_long = "{:" + std::string(29, '0') + "}";
     EXPECT_EQ("a=1, b=two.", text_of("a={}, b={}.", 1, std::string("two")));
     EXPECT_EQ("1 {} {:x}", text_of("{} {} {:x}", 1)) << "surplus placeholders stand as they are";
     EXPECT_EQ("1", text_of("{}", 1, 2)) << "surplus arguments are not printed";
     EXPECT_EQ("{ 1 } {x}", text_of("{ {} } {x}", 1)) << "other braces stand for themselves";
+    EXPECT_EQ("7 " + too_long + " 8", text_of((longest + " " + too_long + " {}").c_str(), 7, 8));
     EXPECT_EQ("   7|007", text_of("{:>4}|{:03}", 7, 7));
     EXPECT_EQ("7", text_of("{:%Q%j}", 7)) << "an unsuitable placeholder does not cost the value";
 }
@@ -63,17 +52,23 @@ TEST(log_text, prints_every_type_that_calls_pass) {
 }
 
 TEST(log_text, that_does_not_fit_is_cut_behind_a_whole_character) {
-    const std::string filler(4090, 'x');
-    EXPECT_EQ(filler + "12345", text_of("{}{}", filler, std::string("1234567")));
-    EXPECT_EQ(filler + "1234", text_of("{}{}!", filler, std::string("1234ä7"))) << "nothing follows the cut";
-    EXPECT_EQ(filler + "12", text_of("{}12€", filler).substr(0, 4092));
+    for (const std::string character : {"7", "ä", "€", "😀"})
+        for (std::size_t room = 0; room <= character.size(); ++room) {
+            const std::string filler(4095 - room, 'x');
+            const std::string whole = room == character.size() ? character : "";
+            EXPECT_EQ(filler + whole, text_of("{}{}!", filler, character)) << "nothing follows the cut";
+        }
     EXPECT_EQ(4095U, text_of("{}", std::string(1 << 20, 'y')).size());
-    EXPECT_EQ(4093U, text_of("{}{}", std::string(4093, 'x'), std::string("€")).size());
 }
 
 TEST(log_text, cannot_forge_a_line) {
     const std::string hostile("a\nb\tc\x7f\x1b[31m\0d ä", 16);
     EXPECT_EQ("a?b?c??[31m?d ä", text_of("{}", hostile));
+    EXPECT_EQ(
+        "C1 ??\u00a0, “bidi” ????\u2029\u202f\u2065\u206a",
+        text_of("C1 \u0080\u009f\u00a0, “bidi” {}\u2069\u2029\u202f\u2065\u206a", "\u202a\u202e\u2066"));
+    EXPECT_EQ("\xc2", text_of("\xc2")) << "nothing is read behind the end";
+    EXPECT_EQ("\xe2\x80", text_of("\xe2\x80"));
     lumo::detail::scrub_buffer = false;
     EXPECT_EQ("a\nb", text_of("{}", std::string("a\nb")));
     lumo::detail::scrub_buffer = true;
@@ -101,7 +96,7 @@ TEST(log_call, that_is_admitted_allocates_nothing) {
     const std::runtime_error error("text");
     unsigned records = 0;
     const auto registration = lumo::add_sink(lumo::trace, [&records](const lumo::log_entry&) { ++records; });
-    const std::size_t before = allocations;
+    const auto before = allocations;
     LUMO_LOG(0, "file", "function", "{} {} {} {}", 1, static_cast<unsigned short>(2), true, typeid(error));
     LUMO_LOG(0, "file", "function", "{} {} {} {:>9}", error.what(), static_cast<unsigned char>(3),
              milliseconds(4), text);
@@ -109,17 +104,21 @@ TEST(log_call, that_is_admitted_allocates_nothing) {
     EXPECT_EQ(2U, records);
 }
 
-TEST(sinks, come_and_go_one_by_one_and_may_throw) {
+TEST(sinks, come_and_go_one_by_one_also_while_they_are_walked_and_may_throw) {
     captured_log errors(lumo::error);
     auto traces = std::make_unique<captured_log>(lumo::trace);
-    const auto throwing = lumo::add_sink(lumo::trace, [](const lumo::log_entry&) { throw 1; });
+    std::optional<captured_log> late;
+    const auto throwing = lumo::add_sink(lumo::trace, [&](const lumo::log_entry&) {
+        if (traces) late.emplace(lumo::trace);
+        traces.reset();
+        throw 1;
+    });
     const captured_log behind(lumo::trace);
     for (const int level : {3, 0}) LUMO_LOG(level, "file", "function", "text");
-    EXPECT_EQ(2U, traces->lines.size());
-    traces.reset();
-    LUMO_LOG(0, "file", "function", "text");
-    EXPECT_EQ(3U, behind.lines.size());
-    EXPECT_EQ(2U, errors.lines.size());
+    EXPECT_EQ(nullptr, traces);
+    EXPECT_EQ(2U, behind.lines.size());
+    EXPECT_EQ(1U, errors.lines.size());
+    EXPECT_EQ(1U, late->lines.size()) << "what is added meanwhile waits for the next entry";
 }
 
 }  // namespace

@@ -8,13 +8,15 @@
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <zmq.h>
 
 #include "tolvan/relay/hub.hpp"
 
 namespace {
 
-using testing::HasSubstr, testing::StartsWith;
+using testing::AllOf, testing::AnyOf, testing::Contains, testing::Ge, testing::HasSubstr, testing::Lt,
+    testing::StartsWith, testing::UnorderedElementsAre, testing::UnorderedElementsAreArray;
 using tolvan::relay::hub;
 using frames = std::vector<std::string>;
 
@@ -76,6 +78,24 @@ std::string refusal_of(const hub::options& options) {
     return "accepted";
 }
 
+/// As the hub names it; the command is an emulator's where there is one.
+std::string this_process() {
+    std::string command;
+    std::getline(std::ifstream("/proc/self/comm") >> std::ws, command);
+    return "process " + std::to_string(getpid()) + " (" + command + ")";
+}
+
+/// Of whom the hub reports that; waits until it has reported so many.
+frames peers_of(hub& relay, hub::report::event event, std::size_t least = 0) {
+    frames peers;
+    do {
+        for (const auto& report : relay.take_reports())
+            if (report.what == event) peers.push_back(report.peer);
+        std::this_thread::yield();
+    } while (peers.size() < least);
+    return peers;
+}
+
 class relay_hub : public testing::Test {
   protected:
     ~relay_hub() override { std::filesystem::remove_all(folder); }
@@ -117,6 +137,70 @@ TEST_F(relay_hub, loses_nothing_of_a_burst_although_the_subscriber_reads_late) {
     for (int i = 0; i < 20'000; ++i) ASSERT_EQ(through.subscriber.receive().at(1), std::to_string(i));
 }
 
+// The mark of the smallest budget is 32 768 messages, probes among them. A subscriber whose connection was
+// dropped from while its queue was empty would never hear anything again.
+TEST_F(relay_hub, drops_for_a_subscriber_that_does_not_keep_up_alone_tells_it_once_and_serves_it_again) {
+    hub relay({.pub_endpoint = ipc("pub"), .sub_endpoint = ipc("sub"), .queue_bytes = hub::largest_message});
+    road stuck(relay), reading(relay);
+    const int sent = 100'000;
+    for (int i = 0; i < sent; ++i) {
+        reading.publisher.send({"t", std::to_string(i), "metadata"});
+        ASSERT_EQ(i < 100 ? "" : reading.subscriber.receive().at(1), i < 100 ? "" : std::to_string(i - 100));
+    }
+    EXPECT_EQ(relay.read_counters().jams, 1U);
+    EXPECT_EQ(peers_of(relay, hub::report::event::jammed), frames{this_process()});
+    int kept = 0;
+    for (frames got; (got = stuck.subscriber.receive(100)) != frames{};) {
+        if (got[0] != "t") continue;
+        ASSERT_EQ(got[1], std::to_string(kept++));
+    }
+    EXPECT_THAT(kept, AllOf(Ge(32'000), Lt(sent)));
+    stuck.prove();
+}
+
+TEST_F(relay_hub, passes_on_or_drops_messages_of_many_frames_as_a_whole) {
+    hub relay({.pub_endpoint = ipc("pub"), .sub_endpoint = ipc("sub"), .queue_bytes = hub::largest_message});
+    road stuck(relay), reading(relay);
+    const frames message(300, std::string(40, 'x'));
+    for (int i = 0; i < 2000; ++i) {
+        reading.publisher.send(message);
+        ASSERT_EQ(reading.subscriber.receive(), message);
+    }
+    EXPECT_GE(relay.read_counters().jams, 1U);
+    for (frames got; (got = stuck.subscriber.receive(100)) != frames{};) {
+        if (got[0] == "probe") continue;
+        ASSERT_EQ(got, message);
+    }
+    stuck.prove();
+}
+
+TEST_F(relay_hub, tells_who_comes_who_goes_and_who_is_refused) {
+    hub relay({ipc("pub"), loopback.sub_endpoint});
+    std::optional<road> peers(std::in_place, relay);
+    EXPECT_EQ(relay.read_counters().publishers, 1U);
+    EXPECT_EQ(relay.read_counters().subscribers, 1U);
+    const auto connected = peers_of(relay, hub::report::event::connected);
+    EXPECT_THAT(connected, UnorderedElementsAre(this_process(), StartsWith("127.0.0.1:")));
+    peers.reset();
+    EXPECT_THAT(peers_of(relay, hub::report::event::disconnected, 2), UnorderedElementsAreArray(connected));
+    while (relay.read_counters().publishers + relay.read_counters().subscribers > 0)
+        std::this_thread::yield();
+    const peer stranger(ZMQ_PUSH, relay.sub_endpoint());
+    EXPECT_THAT(peers_of(relay, hub::report::event::refused, 1),
+                Contains(AnyOf(StartsWith("127.0.0.1:"), "a peer that left at once")));
+}
+
+TEST_F(relay_hub, refuses_a_queue_that_the_largest_message_would_not_fit_into) {
+    for (const auto bytes : {hub::largest_message - 1, hub::most_queue_bytes + 1})
+        EXPECT_THAT(
+            refusal_of({.pub_endpoint = ipc("pub"), .sub_endpoint = ipc("sub"), .queue_bytes = bytes}),
+            HasSubstr(std::to_string(bytes)));
+    EXPECT_EQ(
+        refusal_of(
+            {.pub_endpoint = ipc("pub"), .sub_endpoint = ipc("sub"), .queue_bytes = hub::most_queue_bytes}),
+        "accepted");
+}
+
 TEST_F(relay_hub, names_the_endpoint_and_the_reason_when_it_refuses_one_and_leaves_the_holder_alone) {
     const std::string open_folder = folder + "/open";
     std::filesystem::create_directory(open_folder);
@@ -129,16 +213,18 @@ TEST_F(relay_hub, names_the_endpoint_and_the_reason_when_it_refuses_one_and_leav
         {"neither", {"", "inproc://x"}},
         {"HOST:PORT", {"tcp://", "tcp://127.0.0.1"}},
         {"65535", {"tcp://127.0.0.1:70000"}},
-        {"not a loopback", {"tcp://*:*", "tcp://[::]:*", "tcp://127.0.0.1:5;0.0.0.0:5", "tcp://127.1.eu:*"}},
-        {"path", {"ipc://", "ipc://*"}},
+        {"not a loopback address; other machines need --allow-remote",
+         {"tcp://*:*", "tcp://[::]:*", "tcp://128.0.0.1:*", "tcp://lo:*"}},
+        {"unknown host", {"tcp://127.0.0.1:5;0.0.0.0:5", "tcp://127.1.eu:*", "tcp://::1:*"}},
+        {"path", {"ipc://", "ipc://*", ipc("folder/")}},
         {"abstract", {"ipc://@name"}},
         {"the longest possible is 107", {ipc(std::string(120, 'x'))}},
         {"folder /tmp ", {"ipc:///tmp/socket"}},
-        {open_folder + " has mode 0750", {ipc("open/socket")}},
         {"not a folder", {ipc("open/link/socket")}},
         {"not a socket", {ipc("file")}},
         {"Address already in use", {holder.pub_endpoint()}},
         {"another hub holds it", {holder.sub_endpoint()}},
+        {"it is the publishing endpoint too", {ipc("other"), ipc("no/../other"), ipc("open/link/other")}},
     };
     for (const auto& [reason, endpoints] : refused_for) {
         for (const auto& endpoint : endpoints) {
@@ -148,15 +234,56 @@ TEST_F(relay_hub, names_the_endpoint_and_the_reason_when_it_refuses_one_and_leav
             EXPECT_EQ(files(), files_before) << "what the first endpoint needed must be gone after " << text;
         }
     }
+    EXPECT_THAT(refusal_of({ipc("new/pub"), "tcp://*:*"}), StartsWith("could not"));
+    EXPECT_EQ(files(), files_before) << "both are judged before anything is made";
     road{holder};
+}
+
+TEST_F(relay_hub, refuses_a_folder_of_another_or_that_lets_others_in_and_takes_one_for_the_group_it_is_told) {
+    const auto given = [&](mode_t mode, std::optional<gid_t> group = {}) {
+        chmod(folder.c_str(), mode);
+        return refusal_of({ipc("pub"), ipc("sub"), false, group});
+    };
+    for (const mode_t mode : {0701U, 0702U, 0704U, 0710U, 0720U, 0740U, 0750U})
+        EXPECT_THAT(given(mode), HasSubstr("lets others in")) << mode;
+    for (const mode_t mode : {0700U, 0710U, 0740U, 0751U, 0754U, 0752U, 0770U})
+        EXPECT_THAT(given(mode, getegid()), HasSubstr("needs mode 0750 and group")) << mode;
+    EXPECT_THAT(given(0750, getegid() + 1), HasSubstr("needs mode 0750 and group"));
+    EXPECT_EQ(given(0750, getegid()), "accepted");
+    EXPECT_EQ(given(0700), "accepted");
+    if (geteuid() != 0 || chown(folder.c_str(), 1, 1) == -1) GTEST_SKIP() << "only root has others' folders";
+    EXPECT_THAT(given(0700), HasSubstr("belongs to user 1"));
+    EXPECT_THAT(given(0750, 1), HasSubstr("belongs to user 1"));
+}
+
+TEST_F(relay_hub, makes_folders_and_sockets_that_its_owner_and_the_group_can_use_under_any_umask) {
+    const auto mode_of = [&](const std::string& path) {
+        return static_cast<unsigned>(std::filesystem::status(folder + path).permissions());
+    };
+    for (const mode_t mask : {0777U, 0U}) {
+        const mode_t before = umask(mask);
+        hub own({ipc("own/way/pub"), loopback.sub_endpoint});
+        hub shared({ipc("shared/pub"), loopback.sub_endpoint, false, getegid()});
+        umask(before);
+        const std::vector<unsigned> modes{mode_of("/own"),         mode_of("/own/way"),
+                                          mode_of("/own/way/pub"), mode_of("/own/way/pub.lock"),
+                                          mode_of("/shared"),      mode_of("/shared/pub")};
+        EXPECT_EQ(modes, (std::vector<unsigned>{0700, 0700, 0600, 0600, 0750, 0660}));
+        shared.stop();
+        own.stop();
+        for (const auto* made : {"/own", "/shared"}) std::filesystem::remove_all(folder + made);
+    }
 }
 
 TEST_F(relay_hub, accepts_every_kind_of_local_endpoint_and_remote_ones_when_allowed) {
     EXPECT_EQ(refusal_of({"tcp://localhost:*", "tcp://127.1.2.3:*"}), "accepted");
     EXPECT_EQ(refusal_of({"ipc://@" + folder, "tcp://0.0.0.0:*", true}), "accepted");
-    const auto ipv6 = refusal_of({ipc("made/on/the/way/pub"), "tcp://[::1]:*"});
+    const auto ipv6 = refusal_of({ipc("made/pub"), "tcp://[::1]:*"});
     EXPECT_EQ(ipv6.find("loopback"), std::string::npos) << "a machine may be without IPv6, but: " << ipv6;
-    EXPECT_EQ(std::filesystem::status(folder + "/made").permissions(), std::filesystem::perms::owner_all);
+    const auto elsewhere = std::filesystem::current_path();
+    std::filesystem::current_path(folder);
+    EXPECT_EQ(hub({"ipc://relative/pub", loopback.sub_endpoint}).pub_endpoint(), ipc("relative/pub"));
+    std::filesystem::current_path(elsewhere);
 }
 
 TEST_F(relay_hub, starts_over_what_a_killed_hub_left_and_leaves_nothing_itself) {

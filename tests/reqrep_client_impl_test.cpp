@@ -1,11 +1,12 @@
 #include <optional>
-#include <set>
+#include <tuple>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <tolvan/vesk/hub/reqrep_client_impl.hpp>
 
+#include "support/allocations.hpp"
 #include "support/whole_bus.hpp"
 
 namespace {
@@ -18,7 +19,8 @@ using testing::MatchesRegex;
 using vesk::v1::reqrep_client;
 
 const std::string log_of = " src/hub/reqrep_client_impl ";
-const std::string plain = "N6tolvan4vesk3hub15plain_exceptionE: ";
+const std::string deallocated = "3" + log_of + "discard_outstanding_request: deallocated request_id=";
+const std::string timed_out = "N6tolvan4vesk2v113reqrep_client15request_timeoutE: request 1 timed out";
 
 class request : public test::whole_bus {
   protected:
@@ -33,22 +35,19 @@ class request : public test::whole_bus {
     // Issues a request and reads it at the hub; the first one also tells where answers go.
     unsigned short ask_hub(bool reply_needed) {
         const auto id = ask(reply_needed);
-        reply_topic = reqrep_client_name(published().second) + ".reply";
-        if (std::exchange(subscribed, true)) return id;
-        EXPECT_EQ(hub.set(reply_topic), hub.filter());
+        reply_topic = client_name_in(published().second) + ".reply";
+        if (!std::exchange(subscribed, true)) hub.await_filter(hub.set(reply_topic));
         return id;
     }
 
-    void receive(unsigned short id, const std::string& answer) {
-        relay(reply_topic + "." + std::to_string(id), answer);
-    }
-    void answer(unsigned short id, const std::string& text) {
-        receive(id, text);
+    void answer(const std::string& id, const std::string& text) {
+        relay(reply_topic + "." + id, text);
         loop->advance(1);
     }
+    void answer(unsigned short id, const std::string& text) { answer(std::to_string(id), text); }
 
     // The text between the start of an envelope and the ".reply." in it.
-    static std::string reqrep_client_name(const std::string& envelope) {
+    static std::string client_name_in(const std::string& envelope) {
         const auto begin = envelope.find("reqrep_client-");
         return envelope.substr(begin, envelope.find(".reply.", begin) - begin);
     }
@@ -60,162 +59,137 @@ class request : public test::whole_bus {
 };
 
 TEST_F(request, travels_as_an_envelope_of_fixed_bytes_on_the_command_topic) {
-    struct row {
-        bool reply_needed;
-        std::string payload, tail;
+    const std::string spaced = "{ \"b\":1,\n \"a\" : 2}";
+    const std::tuple<bool, std::string, std::string> rows[] = {
+        {true, "", "true}"},
+        {false, "", "false}"},
+        {true, "null", "true, \"payload\": null}"},
+        {false, spaced, "false, \"payload\": " + spaced + "}"},
     };
     int id = 0;
-    for (const auto& [reply_needed, payload, tail] : {
-             row{true, "", "true}"},
-             row{false, "", "false}"},
-             row{true, "null", "true, \"payload\": null}"},
-             row{false, "{ \"b\":1,\n \"a\" : 2}", "false, \"payload\": { \"b\":1,\n \"a\" : 2}}"},
-         }) {
+    for (const auto& [reply_needed, payload, tail] : rows) {
         EXPECT_EQ(++id, ask(reply_needed, payload));
         const auto [topic, envelope] = published();
         EXPECT_EQ("svc.get", topic);
-        const std::string name = reqrep_client_name(envelope);
+        const std::string name = client_name_in(envelope);
         EXPECT_THAT(name, MatchesRegex("reqrep_client-[-0-9a-f]+"));
-        EXPECT_EQ(
-            "{\"replyTopic\": \"" + name + ".reply." + std::to_string(id) + "\", \"replyNeeded\": " + tail,
-            envelope);
-        EXPECT_EQ("3" + log_of + "request: allocated request_id=" + std::to_string(id) + " for reply topic=" +
-                      name + ".reply." + std::to_string(id) + " pending=" + std::to_string(id),
-                  log.lines.back());
-        EXPECT_EQ((std::pair<std::string, long long>("vesk::reqrep_client_impl[svc.get].timeout", 15000)),
-                  loop->made_timers.back());
+        const std::string replies = name + ".reply." + std::to_string(id);
+        EXPECT_EQ("{\"replyTopic\": \"" + replies + "\", \"replyNeeded\": " + tail, envelope);
     }
     EXPECT_EQ(texts{}, logged('1')) << "one subscription is enough";
     ask(true);
-    const std::string name = reqrep_client_name(published().second);
+    const std::string name = client_name_in(published().second);
     initialize();
     ask(true);
-    EXPECT_NE(name, reqrep_client_name(published().second)) << "every backend has a name of its own";
+    EXPECT_NE(name, client_name_in(published().second)) << "every backend has a name of its own";
 }
 
-TEST_F(request, ends_as_its_answer_says) {
-    struct row {
-        bool reply_needed;
-        std::string answer, outcome;
+// Steps: "+N" lets N ms pass, anything else is an answer. In what is logged, "#" stands for the reply topic.
+struct conversation {
+    bool reply_needed;
+    texts steps, outcomes, logged;
+};
+
+TEST_F(request, ends_as_its_answers_and_the_time_say) {
+    const std::string received = "3" + log_of + "reply_received: received ";
+    const std::string notified = "3" + log_of + "reply_notification: received reply for reply topic=#";
+    const std::string reply = received + "actual reply for reply topic=#";
+    const std::string ack = received + "ACK for reply topic=#", ended = deallocated + "1 pending=0";
+    const std::string expired = "1" + log_of + "timeout_expired: timeout for request_id=1 pub_topic=svc.get";
+    const std::string unknown =
+        "0" + log_of +
+        "request_itr_from_reply_topic: received reply for unknown request_id=1 with reply topic=#; cannot ";
+    const auto nack = [](const std::string& what, const std::string& type) {
+        return R"({"xWhat":")" + what + R"(","xTypeId":)" + type + "}";
     };
-    const std::string runtime = "\"xTypeId\":\"St13runtime_error\"";
-    for (const auto& [reply_needed, text, outcome] : {
-             row{false, "{}", "acknowledged"},
-             row{false, R"({"payload":null,"xTypeId":"t"})", "acknowledged"},
-             row{false, R"({"payload":1})", "1"},
-             row{true, R"({"payload": {"b" : 1, "a":[18446744073709551615,-9223372036854775808]}})",
-                 R"({"b":1,"a":[18446744073709551615,-9223372036854775808]})"},
-             row{true, R"({"payload":1,"xWhat":"both",)" + runtime + "}", "St13runtime_error: both"},
-             row{false, R"({"xWhat":"",)" + runtime + "}", "St13runtime_error: "},
-             row{true, R"({"xWhat":"l","xTypeId":"St11logic_error"})", "St11logic_error: l"},
-             row{true, R"({"xWhat":"b","xTypeId":"N6tolvan5sedes2v126bad_deserialization_sourceE"})",
-                 "N6tolvan5sedes2v126bad_deserialization_sourceE: b"},
-             row{true, R"({"xWhat":"d","xTypeId":"St12out_of_range"})", plain + "d"},
-             row{true, R"({"xWhat":"d","xTypeId":null})", plain + "d"},
-             row{true, R"({"xWhat":")" + std::string(300, 'x') + R"(","xTypeId":""})",
-                 plain + std::string(255, 'x')},
-         }) {
-        outcomes.clear();
-        answer(ask_hub(reply_needed), text);
-        EXPECT_EQ(texts{outcome}, outcomes) << text;
+    const std::string runtime = "\"St13runtime_error\"";
+    const std::string bad_source = "N6tolvan5sedes2v126bad_deserialization_sourceE";
+    const std::string plain = "N6tolvan4vesk3hub15plain_exceptionE: ";
+    const std::string numbers = "[18446744073709551615,-9223372036854775808]";
+    const texts final_ack{notified, received + "final ACK for reply topic=#", ended};
+    const texts nacked{notified, received + "NACK for reply topic=#", ended};
+    const texts replied{notified,          ack, notified, ack, notified, reply, ended, unknown + "notify",
+                        unknown + "handle"};
+    const conversation conversations[] = {
+        {false, {"{}"}, {"acknowledged"}, final_ack},
+        {false, {R"({"payload":null,"xTypeId":"t"})"}, {"acknowledged"}, {}},
+        {false, {R"({"payload":1})"}, {"1"}, {}},
+        {true, {R"({"payload": {"b" : 1, "a":)" + numbers + "}}"}, {R"({"b":1,"a":)" + numbers + "}"}, {}},
+        {true,
+         {R"({"payload":1,"xWhat":"both","xTypeId":)" + runtime + "}"},
+         {"St13runtime_error: both"},
+         {}},
+        {false, {nack("", runtime)}, {"St13runtime_error: "}, nacked},
+        {true, {nack("l", "\"St11logic_error\"")}, {"St11logic_error: l"}, {}},
+        {true, {nack("b", "\"" + bad_source + "\"")}, {bad_source + ": b"}, {}},
+        {true, {nack("d", "\"St12out_of_range\"")}, {plain + "d"}, {}},
+        {true, {nack("d", "null")}, {plain + "d"}, {}},
+        {true, {nack(std::string(300, 'x'), "\"\"")}, {plain + std::string(255, 'x')}, {}},
+        {true, {"{}", "+29998", "{}", "+29998", R"({"payload":7})", "{}"}, {"7"}, replied},
+        {true, {"+14999"}, {}, {}},
+        {true, {"+15000"}, {timed_out}, {expired, ended}},
+        {true, {"+14999", "{}", "+29999"}, {}, {}},
+        {true, {"{}", "+30000"}, {timed_out}, {notified, ack, expired, ended}},
+        // What cannot be decoded stops the clock for good, and leaves the request to a better answer.
+        {true, {"no json", "[]", R"({"xWhat":1})", R"({"payload":)", "+1000000"}, {}, {}},
+        {true, {std::string(200'000, '['), "+1000000", R"({"payload":"at last"})"}, {"\"at last\""}, {}},
+    };
+    for (const auto& [reply_needed, steps, outcome, lines] : conversations) {
+        SCOPED_TRACE(testing::PrintToString(steps).substr(0, 200));
+        reqrep_client::backend::instance = std::make_shared<vesk::hub::reqrep_client_impl>(loop);
+        subscribed = false;
+        const auto id = ask_hub(reply_needed);
+        outcomes.clear(), logged();
+        for (const auto& step : steps) step[0] == '+' ? loop->advance(std::stol(step)) : answer(id, step);
+        EXPECT_EQ(outcome, outcomes);
+        texts expected = lines;
+        for (auto& line : expected)
+            if (const auto mark = line.find('#'); mark != std::string::npos)
+                line.replace(mark, 1, reply_topic + ".1");
+        EXPECT_EQ(expected, lines.empty() ? texts{} : logged());
+        if (outcome.empty()) continue;
         loop->advance(100'000);
         EXPECT_EQ(1U, outcomes.size()) << "no time-out follows";
     }
 }
 
-TEST_F(request, that_is_acknowledged_waits_anew_and_ends_with_the_reply) {
+TEST_F(request, waits_after_an_acknowledgement_as_long_as_was_set_before_it) {
     const auto id = ask_hub(true);
-    logged();
+    EXPECT_EQ((std::pair<std::string, long long>("vesk::reqrep_client_impl[svc.get].timeout", 15000)),
+              loop->made_timers.back());
     reqrep_client::set_timeout(std::chrono::milliseconds(5000));
-    for (int acknowledged = 0; acknowledged < 2; ++acknowledged) {
-        answer(id, "{}");
-        EXPECT_EQ((std::pair<std::string, long long>("vesk::reqrep_client_impl[svc.get].timeout", 5000)),
-                  loop->made_timers.back());
-        loop->advance(4999);
-    }
-    receive(id, R"({"payload":7})");
-    EXPECT_TRUE(outcomes.empty());
     answer(id, "{}");
-    EXPECT_EQ(texts{"7"}, outcomes);
-    const std::string topic = reply_topic + "." + std::to_string(id);
-    const std::string notified = "3" + log_of + "reply_notification: received reply for reply topic=" + topic;
-    const std::string ack = "3" + log_of + "reply_received: received ACK for reply topic=" + topic;
-    EXPECT_EQ((texts{notified, ack, notified, ack, notified, notified,
-                     "3" + log_of + "reply_received: received actual reply for reply topic=" + topic,
-                     "3" + log_of + "discard_outstanding_request: deallocated request_id=1 pending=0"}),
-              logged());
-}
-
-TEST_F(request, without_an_answer_times_out_first_after_15_s_and_after_an_acknowledgement_as_set) {
-    const auto first = ask_hub(true);
-    loop->advance(14'999);
-    EXPECT_TRUE(outcomes.empty());
-    logged();
-    loop->advance(1);
-    const std::string timed_out = "N6tolvan4vesk2v113reqrep_client15request_timeoutE: request ";
-    EXPECT_EQ(texts{timed_out + "1 timed out"}, outcomes);
-    EXPECT_EQ((texts{"1" + log_of + "timeout_expired: timeout for request_id=1 pub_topic=svc.get",
-                     "3" + log_of + "discard_outstanding_request: deallocated request_id=1 pending=0"}),
-              logged());
-
-    answer(first, "{}");
-    const std::string unknown = "0" + log_of +
-                                "request_itr_from_reply_topic: received reply for unknown request_id=1" +
-                                " with reply topic=" + reply_topic + ".1; cannot ";
-    EXPECT_EQ((texts{unknown + "notify", unknown + "handle"}), logged());
-
-    outcomes.clear();
-    answer(ask_hub(true), "{}");
-    loop->advance(29'999);
+    reqrep_client::set_timeout(std::chrono::milliseconds(1));
+    loop->advance(4999);
     EXPECT_TRUE(outcomes.empty());
     loop->advance(1);
-    EXPECT_EQ(texts{timed_out + "1 timed out"}, outcomes);
-}
-
-TEST_F(request, whose_answer_cannot_be_decoded_no_longer_times_out_but_can_still_be_answered) {
-    const auto id = ask_hub(true);
-    for (const std::string& hostile :
-         {std::string("no json"), std::string("[]"), std::string(R"({"xWhat":1})"),
-          std::string(R"({"payload":)"), std::string(200'000, '['),
-          R"({"payload":")" + std::string(64 << 20, 'x')}) {
-        logged();
-        answer(id, hostile);
-        const auto errors = logged('0');
-        ASSERT_EQ(1U, errors.size());
-        EXPECT_THAT(errors[0], HasSubstr("dispatch_one_message: exception caught: "));
-    }
-    loop->advance(1'000'000);
-    EXPECT_TRUE(outcomes.empty());
-    answer(id, R"({"payload":"in the end"})");
-    EXPECT_EQ(texts{"\"in the end\""}, outcomes);
+    EXPECT_EQ(texts{timed_out}, outcomes);
 }
 
 TEST_F(request, is_named_by_the_low_16_bits_of_the_last_segment_of_the_reply_topic) {
     for (int i = 0; i < 17; ++i) ask_hub(false);
-    for (const char* const unknown : {".abc", ".0", "", ".99999", ".reply.1."}) {
-        logged();
-        relay(reply_topic + unknown, "{}");
-        loop->advance(1);
+    logged();
+    for (const char* const unknown : {"abc", "0", "", "99999", "reply.1.", "0x10"}) {
+        answer(unknown, "{}");
         EXPECT_EQ(2U, logged('0').size()) << unknown;
     }
     EXPECT_TRUE(outcomes.empty());
-    for (const char* const known : {".65553", ". +16", ".x.15y", ".-65522"}) {
-        relay(reply_topic + known, "{}");
-        loop->advance(1);
-    }
-    EXPECT_EQ(4U, outcomes.size());
+    for (const char* const known : {"65553", " +16", "x.15y", "-65522", "010"}) answer(known, "{}");
+    EXPECT_EQ(5U, outcomes.size());
+    logged();
+    answer("10", "{}");
+    EXPECT_EQ(2U, logged('0').size()) << "010 was decimal";
 }
 
 TEST_F(request, that_is_cancelled_ends_without_a_call) {
     reqrep_client other;
     const auto first = ask_hub(true);
     ask_hub(true);
-    ask_hub(true);
     const auto others = ask(true, "", &other);
     logged();
     other.cancel_request(first);
     client->cancel_request(first);
-    EXPECT_EQ((texts{"3" + log_of + "discard_outstanding_request: deallocated request_id=1 pending=3",
+    EXPECT_EQ((texts{deallocated + "1 pending=2",
                      "1" + log_of + "cancel_request: cancel called for unknown request_id=1"}),
               logged());
     reqrep_client().cancel_all_requests();
@@ -238,12 +212,36 @@ TEST_F(request, that_cannot_be_issued_ends_at_once_and_leaves_nothing_behind) {
     EXPECT_EQ(0, ask(true));
     EXPECT_THROW(client->request("svc", "get", "", true, nullptr), std::bad_function_call);
     publisher = own_publisher;
-    ASSERT_EQ(2U, outcomes.size());
-    EXPECT_THAT(outcomes[0], HasSubstr("St11logic_error: subscriber::subscribe"));
-    EXPECT_THAT(outcomes[1], HasSubstr("St11logic_error: publisher::publish"));
+    EXPECT_THAT(outcomes, testing::ElementsAre(HasSubstr("St11logic_error: subscriber::subscribe"),
+                                               HasSubstr("St11logic_error: publisher::publish")));
     EXPECT_EQ(2, ask_hub(true)) << "the first id was given out and taken back";
     EXPECT_THAT(log.lines.back(), HasSubstr("pending=1"));
-    EXPECT_EQ(texts{}, logged('2'));
+}
+
+TEST_F(request, that_is_cancelled_while_it_is_published_stays_so_also_when_its_id_is_used_again) {
+    const auto kept = std::make_shared<test::kept_publications>();
+    vesk::v1::publisher::backend::instance = kept;
+    for (const bool refuse : {true, false}) {
+        outcomes.clear();
+        kept->on_publish = [&] { client->cancel_all_requests(), ask(true), kept->refuse = refuse; };
+        ask(true);
+        kept->refuse = false;
+        loop->advance(15'000);
+        EXPECT_THAT(outcomes, testing::ElementsAre(HasSubstr("timed out"))) << "the one made meanwhile";
+    }
+    EXPECT_EQ(2U, loop->made_timers.size());
+}
+
+TEST_F(request, that_is_made_or_cancelled_leaves_consistent_tables_whatever_allocation_fails) {
+    vesk::v1::publisher::backend::instance = std::make_shared<test::kept_publications>();
+    test::fail_each_allocation(
+        [&] { ask(true), ask(true), client->cancel_all_requests(), ask(true), client.emplace(), ask(true); },
+        [&] {
+            loop->advance(15'000);
+            outcomes.clear();
+            ask(true), loop->advance(15'000);
+            EXPECT_EQ(1U, outcomes.size());
+        });
 }
 
 // An id that stayed in the list of the client whose request has ended would end somebody else's with that id.
@@ -266,8 +264,7 @@ TEST_F(request, that_has_ended_leaves_its_id_to_another_client) {
         client->cancel_all_requests();
         logged();
         other.cancel_request(1);
-        EXPECT_EQ(texts{"3" + log_of + "discard_outstanding_request: deallocated request_id=1 pending=0"},
-                  logged());
+        EXPECT_EQ(texts{deallocated + "1 pending=0"}, logged());
     }
 }
 
@@ -276,22 +273,11 @@ TEST_F(request, gets_an_id_that_is_never_0_and_never_taken) {
     kept->keep = false;
     vesk::v1::publisher::backend::instance = kept;
     const auto quiet = std::exchange(lumo::v1::detail::highest_sink_level, -1);
-    EXPECT_EQ(1, ask(true));
-    EXPECT_EQ(2, ask(true)) << "1 comes up again and is taken";
-    client->cancel_all_requests();
-    for (int id = 3; id <= 65535; ++id) {
-        ASSERT_EQ(id, ask(true));
-        if (id != 4) client->cancel_request(static_cast<unsigned short>(id));
-    }
-    for (const int id : {1, 2, 3, 5})
-        EXPECT_EQ(id, ask(true)) << "after the wrap, skipping what is outstanding";
-    client->cancel_all_requests();
-    std::set<int> ids;
-    for (int i = 0; i < 65535; ++i) ids.insert(ask(true));
-    EXPECT_EQ(65535U, ids.size());
-    EXPECT_EQ(0U, ids.count(0));
+    for (int id = 1; id <= 65535; ++id) ASSERT_EQ(id, ask(true));
     EXPECT_EQ(0, ask(true));
     EXPECT_EQ(texts{"St13runtime_error: all 65535 request ids are outstanding"}, outcomes);
+    for (const auto freed : {std::uint16_t{7}, std::uint16_t{9}}) client->cancel_request(freed);
+    for (const int id : {7, 9}) EXPECT_EQ(id, ask(true)) << "skips what is outstanding";
     lumo::v1::detail::highest_sink_level = quiet;
 }
 
@@ -301,28 +287,24 @@ TEST_F(request, is_not_ended_by_a_reply_to_a_backend_that_is_gone) {
         vesk::v1::subscriber::backend::instance;  // still receives, for a client that is gone
     vesk::v1::reqrep_server::backend::instance.reset();
     vesk::v1::subscriber::backend::instance.reset();
-    vesk::v1::reqrep_client::backend::instance.reset();
+    reqrep_client::backend::instance.reset();
     hub.relay(reply_topic + "." + std::to_string(id), "{}");
     for (int turn = 0; turn < 5; ++turn) loop->poll_once(1), loop->advance(1);
     EXPECT_EQ(texts{}, outcomes);
 }
 
 TEST_F(request, whose_captures_call_the_bus_when_they_are_destroyed_finds_consistent_tables) {
-    struct cancels {
-        explicit cancels(reqrep_client* given) : called(given) {}
-        reqrep_client* called;
-        ~cancels() {
-            called->cancel_all_requests();
-            called->request("svc", "get", "", true, [](const auto*, const auto&) {});
-        }
-    };
     reqrep_client other;
-    for (int i = 0; i < 3; ++i)
-        client->request("svc", "get", "", true,
-                        [held = std::make_shared<cancels>(&*client)](auto, const auto&) {});
-    const auto one = other.request("svc", "get", "", true,
-                                   [held = std::make_shared<cancels>(&other)](auto, const auto&) {});
-    other.cancel_request(one);
+    const auto ask_with_last_words = [](reqrep_client& called) {
+        const auto last_words = [&called](const void*) {
+            called.cancel_all_requests();
+            called.request("svc", "get", "", true, [](auto, const auto&) {});
+        };
+        return called.request("svc", "get", "", true,
+                              [held = std::shared_ptr<void>(nullptr, last_words)](auto, const auto&) {});
+    };
+    for (int i = 0; i < 3; ++i) ask_with_last_words(*client);
+    other.cancel_request(ask_with_last_words(other));
     client->cancel_all_requests();
     EXPECT_THAT(log.lines.back(), HasSubstr("pending=2")) << "each client has its last destructor's request";
 }

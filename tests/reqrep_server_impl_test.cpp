@@ -39,8 +39,8 @@ class a_server : public test::whole_bus {
         hub.filter();
     }
 
-    static std::string envelope(const std::string& rest) {
-        return R"({"replyTopic": "client.reply.1", )" + rest;
+    static std::string envelope(const std::string& rest = "}") {
+        return R"({"replyTopic": "client.reply.1", "replyNeeded": true)" + rest;
     }
 
     // Relays a request and lets it be handled; gives what was published in answer.
@@ -66,100 +66,98 @@ class a_server : public test::whole_bus {
 
 TEST_F(a_server, acknowledges_a_request_before_its_handler_runs_and_publishes_the_reply) {
     logged();
+    std::optional<reqrep_server::request> kept;
     serve("get", true, [&](auto&& request, auto&& payload) {
         EXPECT_EQ(texts{ack}, published_answers());
-        EXPECT_EQ("client.reply.1", request.get_reply_topic());
+        kept = request;
         request.reply(payload.to_string());
         request.reply("{ \"second\" : 1 }");
     });
-    EXPECT_THAT(logged(),
-                testing::Contains("3" + log_of +
-                                  "set_command_handler: server_id=svc registering handler for command=get"));
+    EXPECT_EQ("3" + log_of + "set_command_handler: server_id=svc registering handler for command=get",
+              logged()[0]);
     const std::string payload = R"({"b":18446744073709551615,"a":[1,2]})";
-    EXPECT_EQ(
-        (texts{ack, "{\"payload\":" + payload + "}", R"({"payload":{"second":1}})"}),
-        answers_to("svc.get.more.dots", envelope(R"("replyNeeded": true, "payload": )" + payload + "}")));
+    EXPECT_EQ((texts{ack, "{\"payload\":" + payload + "}", R"({"payload":{"second":1}})"}),
+              answers_to("svc.get.more.dots", envelope(R"(, "payload": )" + payload + "}")));
     EXPECT_EQ("client.reply.1", answers->messages[0].first);
-    const std::string road = " for reply topic=client.reply.1 and cmd=get.more.dots";
-    EXPECT_EQ((texts{"3" + log_of +
-                         "enqueue_request: server_id=svc received request with reply topic=client.reply.1",
-                     "3" + log_of + "reply: server_id=svc issuing ACK" + road,
-                     "3" + log_of + "reply: server_id=svc issuing actual reply" + road,
-                     "3" + log_of + "reply: server_id=svc issuing actual reply" + road}),
+    const std::string reply_topic = "reply topic=client.reply.1", server_id = "server_id=svc ";
+    const std::string issuing = "3" + log_of + "reply: " + server_id + "issuing ";
+    const std::string road = " for " + reply_topic + " and cmd=get.more.dots";
+    const std::string received = "3" + log_of + "enqueue_request: " + server_id + "received request with ";
+    EXPECT_EQ((texts{received + reply_topic, issuing + "ACK" + road, issuing + "actual reply" + road,
+                     issuing + "actual reply" + road}),
               logged());
-    logged();
     server->unset_all_handlers();
     EXPECT_EQ("3" + log_of + "unset_all_handlers: unregistering server_id=svc", logged()[0]);
     EXPECT_EQ(hub.removed("svc.get"), hub.filter());
+    kept->reply("1");
+    EXPECT_EQ(texts{"0" + log_of + "reply: using request after server that received it is gone"}, logged());
+    EXPECT_EQ(3U, answers->messages.size());
+    serve("get", true, [](auto&&, auto&&) {});
+    EXPECT_EQ(texts{ack}, answers_to("svc.get", envelope())) << "registered afresh";
 }
 
-TEST_F(a_server, gives_its_handler_the_payload_as_the_deserializer_makes_it) {
-    std::vector<std::string> payloads;
-    serve("get", true, [&](auto&&, auto&& payload) { payloads.push_back(payload.to_string()); });
-    answers_to("svc.get", envelope(R"("replyNeeded": true})"));
-    answers_to("svc.get", envelope(R"("replyNeeded": true, "payload": null, "unknown": []})"));
-    EXPECT_EQ((texts{"null", "null"}), payloads);
-    server->set_command_handler("raw", true, nullptr, [&](auto&&, auto payload) { EXPECT_FALSE(payload); });
-    hub.filter();
-    const std::string request = envelope(R"("replyNeeded": true, "payload": 1})");
-    EXPECT_EQ(texts{ack}, answers_to("svc.raw", request));
-    EXPECT_EQ(texts{ack}, answers_to("svc.get", request)) << "commands share one state";
-}
-
-TEST_F(a_server, goes_by_its_own_registration_when_the_client_is_wrong_about_the_reply) {
-    serve("get", false, [](auto&& request, auto&&) { request.reply("1"); });
-    EXPECT_EQ((texts{ack, R"({"payload":1})"}), answers_to("svc.get", envelope(R"("replyNeeded": true})")))
-        << "a reply is published also where none is needed";
-    EXPECT_EQ(
-        (texts{
-            "1" + log_of +
-            "enqueue_request: client’s knowledge of cmd=get reply_needed is wrong (true instead of false); "
-            "please fix client"}),
-        logged('1'));
-}
-
-TEST_F(a_server, answers_what_goes_wrong_with_a_nack) {
-    const std::string latin = "caf\xe9";
-    struct row {
-        std::string command;
-        handler handle;
-        texts expected;
-        std::string logged;
-    };
-    for (const auto& [command, handle, expected, line] : {
-             row{"runtime",
-                 [](auto&&, auto&&) { throw std::runtime_error("its text"); },
-                 {ack, nack("St13runtime_error", "its text")},
-                 "exception caught (St13runtime_error): its text"},
-             row{"latin",
-                 [&](auto&&, auto&&) { throw std::logic_error(latin); },
-                 {ack, nack("St11logic_error", "caf\ufffd")},
-                 "exception caught (St11logic_error): " + latin},
-             row{"int",
-                 [](auto&&, auto&&) { throw 1; },
-                 {ack, R"({"xWhat":"unknown exception"})"},
-                 "exception caught (no more info available)"},
-             row{"empty",
-                 nullptr,
-                 {ack, nack("St17bad_function_call", "bad_function_call")},
-                 "exception caught (St17bad_function_call): bad_function_call"},
-         }) {
-        serve(command, true, handle);
-        EXPECT_EQ(expected, answers_to("svc." + command, envelope(R"("replyNeeded": true})")));
-        EXPECT_EQ(texts{"0" + log_of + "enqueue_request: " + line}, logged('1'));
-    }
+TEST_F(a_server, answers_each_request_as_its_envelope_and_its_handler_say) {
+    const std::string latin = "\xe9", needed = R"("replyNeeded": true)";
+    const auto echo = [](auto&& request, auto&& payload) { request.reply(payload.to_string()); };
+    serve("echo", true, echo);
+    serve("quiet", false, [](auto&& request, auto&&) { request.reply("1"); });
+    serve("runtime", true, [](auto&&, auto&&) { throw std::runtime_error("text"); });
+    serve("latin", true, [&](auto&&, auto&&) { throw std::logic_error(latin); });
+    serve("int", true, [](auto&&, auto&&) { throw 1; });
+    serve("empty", true, nullptr);
+    server->set_command_handler("raw", true, nullptr, [](auto&&, auto payload) { EXPECT_FALSE(payload); });
     server->set_command_handler<std::string>("typed", true, [](auto&&, auto&&) { FAIL(); });
-    hub.filter();
-    const auto refused = answers_to("svc.typed", envelope(R"("replyNeeded": true, "payload": 1})"));
-    ASSERT_EQ(1U, refused.size()) << "no acknowledgement for what cannot be decoded";
-    EXPECT_THAT(refused[0], HasSubstr("N6tolvan5sedes2v126bad_deserialization_sourceE"));
+    hub.filter(), hub.filter();
+    const std::string decoding = "N6tolvan5sedes2v126bad_deserialization_sourceE";
+    const std::string undecodable = "dispatch_one_message: exception caught: ";
+    const std::string exception = "enqueue_request: exception caught (";
+    const std::string wrong =
+        "client’s knowledge of cmd=quiet reply_needed is wrong (true instead of false); please fix client";
+    const std::string asked = envelope(), with_1 = envelope(R"(, "payload": 1})");
+    const std::string reply_1 = R"({"payload":1})", unknown = R"({"xWhat":"unknown exception"})";
+    const std::string failed_call = nack("St17bad_function_call", "bad_function_call");
+    const std::string refused = nack(decoding, "expected a string, found an integer");
+    struct row {
+        std::string command, data;
+        texts answers;
+        std::string logged;  // a part of the one line of level 0 or 1; empty for none
+    };
+    const row rows[] = {
+        {"echo", with_1, {ack, reply_1}, ""},
+        {"raw", with_1, {ack}, ""},
+        {"quiet", asked, {ack, reply_1}, "1" + log_of + "enqueue_request: " + wrong},
+        {"runtime", asked, {ack, nack("St13runtime_error", "text")}, exception + "St13runtime_error): text"},
+        {"latin", asked, {ack, nack("St11logic_error", "\ufffd")}, exception + "St11logic_error): " + latin},
+        {"int", asked, {ack, unknown}, exception + "no more info available)"},
+        {"empty", asked, {ack, failed_call}, exception + "St17bad_function_call): bad_function_call"},
+        {"typed", with_1, {refused}, exception + decoding + "): "},
+        {"echo", "", {}, undecodable},
+        {"echo", "null", {}, undecodable},
+        {"echo", R"({"replyTopic": 1, )" + needed + "}", {}, undecodable},
+        {"echo", R"({"replyTopic": "t"})", {}, undecodable},
+        {"echo", "{" + needed + "}", {}, undecodable},
+        {"echo", R"({"replyTopic": "t", "replyNeeded": "yes"})", {}, undecodable},
+        {"echo", std::string(200'000, '['), {}, undecodable},
+        {"echo", with_1, {ack, reply_1}, ""},
+    };
+    for (const auto& [command, data, expected, line] : rows) {
+        EXPECT_EQ(expected, answers_to("svc." + command, data)) << command << data.substr(0, 99);
+        const auto lines = logged('1');
+        ASSERT_EQ(line.empty() ? 0U : 1U, lines.size()) << command << data.substr(0, 99);
+        EXPECT_THAT(line.empty() ? "" : lines[0], HasSubstr(line));
+    }
+    for (const std::string topic : {"", "a:b:c", "%s%n"}) {
+        const std::string reply_topic = R"({"replyTopic": ")" + topic;
+        EXPECT_EQ(2U, answers_to("svc.echo", reply_topic + R"(", "payload": 1, )" + needed + "}").size());
+        EXPECT_EQ(topic, answers->messages[0].first);
+    }
 }
 
 TEST_F(a_server, nacks_requests_to_an_identity_that_is_not_its_own_any_more) {
     serve("get", true, [](auto&&, auto&&) { FAIL(); });
     server->set_uuid("new");
     const texts internal{nack("St11logic_error", "internal dispatching error")};
-    EXPECT_EQ(internal, answers_to("svc.get", envelope(R"("replyNeeded": true})")));
+    EXPECT_EQ(internal, answers_to("svc.get", envelope()));
     EXPECT_EQ(
         (texts{
             "1" + log_of +
@@ -168,7 +166,7 @@ TEST_F(a_server, nacks_requests_to_an_identity_that_is_not_its_own_any_more) {
         logged('1'));
     server->set_uuid("with.dot");
     serve("get", true, [](auto&&, auto&&) { FAIL(); });
-    EXPECT_EQ(internal, answers_to("with.dot.get", envelope(R"("replyNeeded": true})")));
+    EXPECT_EQ(internal, answers_to("with.dot.get", envelope()));
 }
 
 // A subscriber backend that hands a request over on any topic, as the hub never would.
@@ -186,7 +184,7 @@ TEST_F(a_server, nacks_a_topic_without_a_command_and_drops_requests_for_a_server
     const auto direct = std::make_shared<direct_calls>();
     vesk::v1::subscriber::backend::instance = direct;
     server->set_command_handler<json>("get", true, [](auto&&, auto&&) { FAIL(); });
-    const std::string request = envelope(R"("replyNeeded": true})");
+    const std::string request = envelope();
     logged();
     direct->deliver("svc", request);
     EXPECT_EQ(texts{nack("St13runtime_error", "malformed topic")}, published_answers());
@@ -195,114 +193,84 @@ TEST_F(a_server, nacks_a_topic_without_a_command_and_drops_requests_for_a_server
               logged('1'));
     answers->messages.clear();
     server.reset();
-    logged();
     direct->deliver("svc.get", request);
-    EXPECT_EQ(texts{"1" + log_of + "enqueue_request: request received for a reqrep_server that’s gone"},
+    EXPECT_EQ((texts{"3" + log_of + "unset_all_handlers: unregistering server_id=svc",
+                     "1" + log_of + "enqueue_request: request received for a reqrep_server that’s gone"}),
               logged());
     EXPECT_EQ(texts{}, published_answers());
-}
-
-TEST_F(a_server, survives_envelopes_that_cannot_be_decoded) {
-    serve("get", true, [](auto&& request, auto&&) { request.reply("1"); });
-    for (const std::string& hostile :
-         {std::string(), std::string("no json"), std::string("[]"), std::string("null"),
-          std::string(R"({"replyTopic": 1, "replyNeeded": true})"), std::string(R"({"replyTopic": "t"})"),
-          std::string(R"({"replyNeeded": true})"),
-          std::string(R"({"replyTopic": "t", "replyNeeded": "yes"})"), std::string(200'000, '[')}) {
-        EXPECT_EQ(texts{}, answers_to("svc.get", hostile)) << hostile.substr(0, 50);
-        const auto errors = logged('0');
-        ASSERT_EQ(1U, errors.size());
-        EXPECT_THAT(errors[0], HasSubstr("dispatch_one_message: exception caught: "));
-    }
-    for (const char* const topic : {"", "a:b:c", "\\n%s"}) {
-        EXPECT_EQ(2U, answers_to("svc.get",
-                                 R"({"replyTopic": ")" + std::string(topic) + R"(", "replyNeeded": true})")
-                          .size());
-        EXPECT_EQ(topic == std::string("\\n%s") ? "\n%s" : topic, answers->messages[0].first);
-    }
 }
 
 TEST_F(a_server, refuses_replies_that_are_not_json_and_publications_that_fail) {
     std::optional<reqrep_server::request> kept;
     serve("get", true, [&](auto&& request, auto&&) { kept = request; });
-    answers_to("svc.get", envelope(R"("replyNeeded": true})"));
+    answers_to("svc.get", envelope());
     logged();
-    const std::string road = " for reply topic=client.reply.1 and cmd=get: ";
+    const std::string road = " for reply topic=client.reply.1 and cmd=get";
+    const std::string failed = "0" + log_of + "reply: server_id=svc could not ";
     EXPECT_THROW(kept->reply("no json"), sedes::v1::bad_deserialization_source);
-    EXPECT_THAT(logged('0')[0], HasSubstr("0" + log_of + "reply: server_id=svc could not reply" + road));
+    EXPECT_THAT(logged('0')[0], HasSubstr(failed + "reply" + road + ": "));
     kept->fail(std::runtime_error("later"));
     EXPECT_EQ(nack("St13runtime_error", "later"), published_answers().back());
     answers->refuse = true;
     EXPECT_THROW(kept->reply("1"), std::runtime_error);
-    EXPECT_EQ(texts{}, answers_to("svc.get", envelope(R"("replyNeeded": true})")));
-    EXPECT_EQ((texts{"0" + log_of + "reply: server_id=svc could not ACK" + road + "refused",
-                     "0" + log_of + "enqueue_request: exception caught (St13runtime_error): refused",
-                     "0" + log_of + "reply: server_id=svc could not NACK" + road + "refused"}),
+    EXPECT_EQ(texts{}, answers_to("svc.get", envelope()));
+    const std::string caught =
+        "0" + log_of + "enqueue_request: exception caught (St13runtime_error): refused";
+    EXPECT_EQ((texts{failed + "ACK" + road + ": refused", caught, failed + "NACK" + road + ": refused"}),
               logged('0'));
     answers->refuse_with_int = true;
-    logged();
     EXPECT_THROW(kept->reply("1"), int);
-    EXPECT_EQ(texts{"0" + log_of +
-                    "reply: server_id=svc could not reply for reply topic=client.reply.1 and cmd=get; "
-                    "no more info available"},
-              logged('0'));
+    EXPECT_EQ(texts{failed + "reply" + road + "; no more info available"}, logged('0'));
     const reqrep_server::request taken = std::move(*kept);
     EXPECT_THROW(kept->reply("1"), std::logic_error);
 }
 
-TEST_F(a_server, that_has_unregistered_refuses_answers_to_what_it_had_received) {
-    std::optional<reqrep_server::request> kept;
-    const auto keep = [&](auto&& request, auto&&) { kept = request; };
-    serve("get", true, keep);
-    answers_to("svc.get", envelope(R"("replyNeeded": true})"));
-    server->unset_all_handlers();
-    hub.filter();
-    serve("get", true, keep);
-    logged();
-    kept->reply("1");
-    EXPECT_EQ(texts{"0" + log_of + "reply: using request after server that received it is gone"}, logged());
-    EXPECT_EQ(texts{ack}, published_answers());
-    EXPECT_EQ(texts{ack}, answers_to("svc.get", envelope(R"("replyNeeded": true})"))) << "registered afresh";
+TEST_F(a_server, answers_under_the_address_of_one_that_went_while_no_backend_was_there) {
+    serve("get", true, [](auto&&, auto&&) {});
+    const auto own = std::exchange(reqrep_server::backend::instance, nullptr);
+    server.emplace().set_uuid("svc");
+    reqrep_server::backend::instance = own;
+    serve("get", true, [](auto&& request, auto&&) { request.reply("1"); });
+    EXPECT_EQ((texts{ack, R"({"payload":1})"}), answers_to("svc.get", envelope()));
 }
 
 TEST_F(a_server, answers_the_request_at_hand_whatever_its_handler_does_unless_it_destroys_the_server) {
     const std::string gone = "reply: using request after server that received it is gone";
-    const std::string nacked = nack("St13runtime_error", "afterwards");
+    const std::string thrown = "exception caught (St13runtime_error): afterwards";
+    const texts all{ack, R"({"payload":1})", nack("St13runtime_error", "afterwards")};
+    const auto initialize_again = [&] { initialize(), keep_answers(); };
     struct row {
         std::string name;
-        std::function<void()> act;
+        std::function<void(const reqrep_server::request&)> act;
         texts answers;
         std::string last_error;
     };
-    for (const auto& [name, act, expected, last_error] : {
-             row{"unregister",
-                 [&] { server->unset_all_handlers(); },
-                 {ack, R"({"payload":1})", nacked},
-                 "exception caught (St13runtime_error): afterwards"},
-             row{"initialize",
-                 [&] { initialize(), keep_answers(); },
-                 {ack, R"({"payload":1})", nacked},
-                 "exception caught (St13runtime_error): afterwards"},
-             row{"destroy", [&] { server.reset(); }, {ack}, gone},
-             row{"both", [&] { initialize(), keep_answers(), server.reset(); }, {ack}, gone},
-             row{"release",
-                 [&] { vesk::v1::release_backends(); },
-                 {ack},
-                 "reply: server_id=svc could not NACK"},
-         }) {
+    const auto add_last_words = [&](const reqrep_server::request& request) {
+        const std::shared_ptr<void> last_words(nullptr, [request](void*) { request.reply("2"); });
+        server->set_command_handler<json>("other", true, [last_words](auto&&, auto&&) {});
+    };
+    const row rows[] = {
+        {"unregister", [&](auto&) { server->unset_all_handlers(); }, all, thrown},
+        {"initialize", [&](auto&) { initialize_again(); }, all, thrown},
+        {"destroy", [&](auto& request) { add_last_words(request), server.reset(); }, {ack}, gone},
+        {"both", [&](auto&) { initialize_again(), server.reset(); }, {ack}, gone},
+        {"release",
+         [](auto&) { vesk::v1::release_backends(); },
+         {ack},
+         "reply: server_id=svc could not NACK"},
+    };
+    for (const auto& [name, act, expected, last_error] : rows) {
         server.emplace().set_uuid("svc");
-        initialize();
-        keep_answers();
+        initialize_again();
         server->set_command_handler<json>("get", true,
                                           [&, act = act, own = std::string(50, 'o')](auto&& request, auto&&) {
-                                              act();
+                                              act(request);
                                               request.reply("1");
                                               EXPECT_EQ(std::string(50, 'o'), own);
                                               throw std::runtime_error("afterwards");
                                           });
-        while (hub.filter() != hub.set("svc.get")) {
-        }
-        EXPECT_EQ(expected, answers_to("svc.get", envelope(R"("replyNeeded": true})"))) << name;
+        hub.await_filter(hub.set("svc.get"));
+        EXPECT_EQ(expected, answers_to("svc.get", envelope())) << name;
         EXPECT_THAT(logged('0').back(), HasSubstr(last_error)) << name;
     }
 }

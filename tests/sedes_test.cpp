@@ -6,6 +6,8 @@
 #include <tolvan/sedes/v1/json.hpp>
 #include <tolvan/uuid_v1.hpp>
 
+#include "support/allocations.hpp"
+
 namespace {
 
 using testing::HasSubstr, testing::StartsWith;
@@ -55,24 +57,30 @@ std::string refusal(const std::string& json, const source_type_t* source = nullp
     return "accepted";
 }
 
-TEST(json_text, keeps_its_key_order_its_64_bit_integers_its_escapes_and_a_million_keys) {
+TEST(json_text, keeps_its_key_order_its_numbers_and_its_escapes) {
     for (const std::string json :
-         {R"({"z":1,"a":{"y":null,"b":[true,false]},"m":"","e":{},"k":[]})", R"(["\u0000\n\"\\","é","😀"])",
-          "[9223372036854775807,-9223372036854775808,18446744073709551615,1.5,-0.25,1e+300]"})
+         {R"({"z":1,"a":{"y":null,"b":[true,false]},"m":"\u0000\n\"\\é😀","e":{},"k":[]})",
+          "[9223372036854775807,-9223372036854775808,18446744073709551615,-0.25,1e+300]"})
         EXPECT_EQ(rewritten(json), json);
     std::string huge = "{";
     for (int key = 0; key < 1'000'000; ++key) huge += "\"k" + std::to_string(key) + "\":0,";
     huge.back() = '}';
-    EXPECT_TRUE(rewritten(huge) == huge);
+    EXPECT_TRUE(rewritten(huge) == huge) << "a million keys, and soon";
+}
+
+TEST(json_text, keeps_the_last_of_many_values_of_a_key_at_its_first_place) {
+    std::string repeated = R"({"b":0,"":5,"a":0)";
+    for (int value = 1; value < 100; ++value)
+        repeated += ",\"" + std::string(value % 2 ? "a" : "b") + "\":" + std::to_string(value);
+    EXPECT_EQ(rewritten(repeated + "}"), R"({"b":98,"":5,"a":99})");
 }
 
 TEST(json_text, is_refused_unless_it_is_exactly_one_valid_value) {
-    for (const char* json :
+    for (const std::string json :
          {"", " ", "{} {}", "[1,]", "{\"a\"}", "{1:2}", "nul", "'a'", "01", "-1e999", "NaN", "\"\n\"",
           "\"\\ud800\"", "\"\xff\"", "\"\xc0\xaf\"", "\"\xed\xa0\x80\"", "\"\xe2\x82", "// c\n1"})
         EXPECT_THAT(refusal<Variant>(json), HasSubstr("not valid JSON at byte ")) << json;
-    EXPECT_THAT(refusal<Variant>(std::string("{}\0", 3)), HasSubstr("not valid JSON at byte "));
-    EXPECT_LT(refusal<Variant>("[\"" + std::string(1'000'000, '\x01')).size(), 300U);
+    EXPECT_THAT(refusal<Variant>(std::string("{}\0", 3)), HasSubstr("not valid JSON at byte 2"));
     EXPECT_LT(refusal<Variant>("\"" + std::string(1'000'000, 'a')).size(), 300U);
 }
 
@@ -85,27 +93,22 @@ TEST(json_text, is_read_down_to_the_depth_limit_and_nothing_deeper_is_read_or_bu
     EXPECT_THROW(Variant{}.set("a", deepest), std::length_error);
 }
 
-TEST(json_text, keeps_the_last_value_of_a_repeated_key_at_its_first_place) {
-    EXPECT_EQ(rewritten(R"({"b":1,"a":2,"b":{"a":3,"a":4},"":5,"a":[6],"":[{"b":8,"b":9}]})"),
-              R"({"b":{"a":4},"a":[6],"":[{"b":9}]})");
+TEST(variant, that_cannot_be_written_for_want_of_memory_says_so) {
+    const Variant value = Variant::fromJson(R"({"k":[[1.5,"a longer text, with an \u00e9"],{"l":[{}]}]})");
+    std::string written;
+    tolvan::test::fail_each_allocation([&] { written = value.toJson(); }, [] {});
+    EXPECT_EQ(written, value.toJson());
 }
 
-TEST(variant, writes_invalid_utf8_as_replacement_characters_in_keys_and_texts) {
-    EXPECT_EQ(Variant::object({{"k\xe9", Variant::string("caf\xe9!")}}).toJson(),
-              "{\"k\xef\xbf\xbd\":\"caf\xef\xbf\xbd!\"}");
-}
-
-TEST(variant, is_set_and_moved_without_touching_its_copies) {
-    Variant original = Variant::fromJson(R"({"a":[1],"b":2})");
-    Variant copy = original;
-    copy.set("a", Variant::boolean(true));
-    copy.set("c", *original.find("a"));
-    const Variant moved = std::move(copy);
-    EXPECT_TRUE(copy.is_null());  // NOLINT(bugprone-use-after-move)
-    EXPECT_EQ(moved.toJson(), R"({"a":true,"b":2,"c":[1]})");
+TEST(variant, is_set_without_touching_its_copies_and_writes_any_bytes) {
+    Variant value = Variant::fromJson(R"({"a":[1],"b":2})");
+    const Variant original = value;
+    value.set("a", Variant::string("caf\xe9!"));
+    value.set("k\xe9", *original.find("a"));
+    EXPECT_EQ(value.toJson(), "{\"a\":\"caf\xef\xbf\xbd!\",\"b\":2,\"k\xef\xbf\xbd\":[1]}");
     EXPECT_EQ(original.toJson(), R"({"a":[1],"b":2})");
-    original = *original.find("a");
-    EXPECT_EQ(original.toJson(), "[1]");
+    value = *value.find("b");
+    EXPECT_EQ(value.toJson(), "2") << "a part of itself";
 }
 
 TEST(optional_value, tells_null_from_missing) {
@@ -113,22 +116,13 @@ TEST(optional_value, tells_null_from_missing) {
     EXPECT_TRUE(text.is_set() && !text.has_value());
     EXPECT_THROW(text.value(), std::bad_optional_access);
     text.mark_missing();
-    EXPECT_FALSE(text.is_set());
     EXPECT_THROW(text.has_value(), missing_value);
-    EXPECT_THROW(text.value(), missing_value);
     EXPECT_THROW(serialize_to_json_string(text), missing_value);
-    text.reset();
-    EXPECT_EQ(serialize_to_json_string(text), "null");
     text = "";
     EXPECT_TRUE(text.has_value());
-}
-
-TEST(record, survives_a_round_trip_with_nested_records_and_a_member_of_its_base) {
-    const std::string json = R"({"readings":[{"offset":-128,"flags":[true,false]}],"what":"é"})";
-    report_t report;
-    deserialize_from_json_string(json, &report);
-    EXPECT_EQ(report.readings.at(0).offset, -128);
-    EXPECT_EQ(serialize_to_json_string(report), json);
+    text.mark_missing();
+    text.reset();
+    EXPECT_EQ(serialize_to_json_string(text), "null");
 }
 
 TEST(record, leaves_null_members_out_when_written_and_absent_ones_alone_when_read) {
@@ -165,12 +159,16 @@ TEST(record, is_refused_with_the_source_and_the_path_of_the_member_that_does_not
 }
 
 template <typename T>
+T read(const std::string& json) {
+    T out{};
+    deserialize_from_json_string(json, &out);
+    return out;
+}
+
+template <typename T>
 void expect_range() {
-    for (const T limit : {std::numeric_limits<T>::min(), std::numeric_limits<T>::max()}) {
-        T out{};
-        deserialize_from_json_string(serialize_to_json_string(limit), &out);
-        EXPECT_EQ(out, limit);
-    }
+    for (const T limit : {std::numeric_limits<T>::min(), std::numeric_limits<T>::max()})
+        EXPECT_EQ(read<T>(serialize_to_json_string(limit)), limit);
     EXPECT_EQ(refusal<T>("-1") == "accepted", std::is_signed_v<T>);
     for (const char* json : {"1.0", "true", "\"1\"", "18446744073709551616"})
         EXPECT_THAT(refusal<T>(json), StartsWith("expected an integer")) << json;
@@ -179,12 +177,11 @@ void expect_range() {
 TEST(number_member, holds_the_range_of_its_type_and_refuses_what_lies_beyond) {
     expect_range<std::int8_t>();
     expect_range<long>();
-    expect_range<long long>();
     expect_range<unsigned long long>();
     EXPECT_EQ(refusal<std::uint32_t>("4294967296"), "number 4294967296 is out of range");
-    EXPECT_EQ(refusal<double>("-3"), "accepted");
-    EXPECT_EQ(serialize_to_json_string(0.5), "0.5");
     EXPECT_EQ(refusal<float>("1e300"), "number 1e+300 is out of range");
+    EXPECT_EQ(read<double>("18446744073709551615"), 18446744073709551615.0);
+    EXPECT_EQ(read<double>("-3") / 4, -0.75);
 }
 
 TEST(uuid, is_nil_at_first_and_different_each_time_it_is_randomized) {

@@ -17,4 +17,7 @@ struct bind_address {
 /// Throws `std::runtime_error` with the reason alone; the caller adds the endpoint.
 bind_address judge_endpoint(const std::string& endpoint, bool allow_remote);
 
+/// Whether both are the same ipc socket, by whatever road through links.
+bool is_same_ipc(const bind_address& one, const bind_address& other);
+
 }  // namespace tolvan::relay

@@ -13,7 +13,7 @@ namespace {
 constexpr const char* source_file = "src/hub/publisher_impl";
 constexpr const char* censored_prefix = "cts/";
 
-// What comes before the first ":" is for the log alone.
+// What comes before the first ":" decides about censoring, and appears nowhere.
 const char* wire_topic_of(const std::string& topic) {
     const char* const colon = std::strchr(topic.c_str(), ':');
     return colon == nullptr ? topic.c_str() : colon + 1;

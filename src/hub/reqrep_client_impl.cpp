@@ -6,7 +6,6 @@
 #include <limits>
 #include <stdexcept>
 #include <utility>
-#include <vector>
 
 #include <tolvan/lumo/v1/log.hpp>
 #include <tolvan/uuid_v1.hpp>
@@ -67,20 +66,18 @@ unsigned short reqrep_client_impl::request(v1::reqrep_client* client, const std:
                                            bool reply_needed, request_callback&& callback) {
     try {
         subscribe_to_replies();
-        const unsigned short id = allocate_id();
-        requests_by_client[client].push_back(id);
-        outstanding_request_t& made = outstanding_requests[id];
-        made.client = client;
+        const issue_t issued = allocate_id();
         try {
+            outstanding_request_t& made = enlist(client, issued.id);
             made.pub_topic = target + "." + cmd;
             made.callback = std::move(callback);
             made.reply_needed = reply_needed;
-            issue(id, payload);
+            issue(issued, payload);
         } catch (...) {
-            withdraw(id, callback);
+            if (!withdraw(issued, callback)) return 0;
             throw;
         }
-        return id;
+        return issued.id;
     } catch (...) {
         callback(nullptr, std::current_exception());
         return 0;
@@ -101,32 +98,63 @@ void reqrep_client_impl::subscribe_to_replies() {
     reply_subscription_done = true;
 }
 
-unsigned short reqrep_client_impl::allocate_id() {
+reqrep_client_impl::issue_t reqrep_client_impl::allocate_id() {
     if (outstanding_requests.size() == most_requests)
         throw std::runtime_error("all " + std::to_string(most_requests) + " request ids are outstanding");
     while (true) {
         const unsigned short candidate = std::max<unsigned short>(next_request_id, 1);
         next_request_id = static_cast<unsigned short>(next_request_id + 1);
-        if (outstanding_requests.try_emplace(candidate).second) return candidate;
+        const auto [made, inserted] = outstanding_requests.try_emplace(candidate);
+        if (!inserted) continue;
+        made->second.serial = ++last_serial;
+        return {candidate, last_serial};
     }
 }
 
-void reqrep_client_impl::issue(unsigned short id, const std::string& payload) {
-    const auto made = outstanding_requests.find(id);
-    const std::string reply_topic = reply_topic_of(id);
-    made->second.client->publish(made->second.pub_topic,
-                                 request_envelope(reply_topic, made->second.reply_needed, payload));
-    start_timer(made, acknowledgement_wait);
-    LUMO_LOG(lumo::v1::trace, source_file, "request", "allocated request_id={} for reply topic={} pending={}",
-             id, reply_topic, static_cast<unsigned>(outstanding_requests.size()));
+void reqrep_client_impl::make_room_for_cancelled() {
+    const std::size_t needed = outstanding_requests.size();
+    if (room_for_cancelled.capacity() < needed) room_for_cancelled.reserve(needed + needed / 8);
 }
 
-// Takes back a request that could not be issued. Its callback goes back to the caller.
-void reqrep_client_impl::withdraw(unsigned short id, request_callback& callback) {
-    const auto withdrawn = outstanding_requests.find(id);
-    forget_id(withdrawn->second.client, id);
+// A record that names its client has its id in that client's list.
+reqrep_client_impl::outstanding_request_t& reqrep_client_impl::enlist(v1::reqrep_client* client,
+                                                                      unsigned short id) {
+    make_room_for_cancelled();
+    requests_by_client[client].push_back(id);
+    outstanding_request_t& made = outstanding_requests[id];
+    made.client = client;
+    return made;
+}
+
+// The publication may call back, cancel this very request and give its id to another.
+void reqrep_client_impl::issue(const issue_t& issued, const std::string& payload) {
+    const std::string reply_topic = reply_topic_of(issued.id);
+    const outstanding_request_t& made = outstanding_requests[issued.id];
+    const std::string pub_topic = made.pub_topic;
+    made.client->publish(pub_topic, request_envelope(reply_topic, made.reply_needed, payload));
+    const auto published = find_issued(issued);
+    if (published == outstanding_requests.end()) return;
+    start_timer(published, acknowledgement_wait);
+    LUMO_LOG(lumo::v1::trace, source_file, "request", "allocated request_id={} for reply topic={} pending={}",
+             issued.id, reply_topic, static_cast<unsigned>(outstanding_requests.size()));
+}
+
+// Nothing when the request has ended, also when another one has its id.
+reqrep_client_impl::request_table::iterator reqrep_client_impl::find_issued(const issue_t& issued) {
+    const auto found = outstanding_requests.find(issued.id);
+    const bool same = found != outstanding_requests.end() && found->second.serial == issued.serial;
+    return same ? found : outstanding_requests.end();
+}
+
+// Takes back a request that could not be issued. Its callback goes back to the caller. False when it was
+// cancelled before.
+bool reqrep_client_impl::withdraw(const issue_t& issued, request_callback& callback) {
+    const auto withdrawn = find_issued(issued);
+    if (withdrawn == outstanding_requests.end()) return false;
+    if (withdrawn->second.client != nullptr) forget_id(withdrawn->second.client, issued.id);
     if (!callback) callback = std::move(withdrawn->second.callback);
     outstanding_requests.erase(withdrawn);
+    return true;
 }
 
 std::string reqrep_client_impl::reply_topic_of(unsigned short id) const {
@@ -192,8 +220,12 @@ void reqrep_client_impl::cancel_request(v1::reqrep_client* /*client*/, unsigned 
 void reqrep_client_impl::cancel_all_requests(v1::reqrep_client* client) {
     const auto ids = requests_by_client.extract(client);
     if (!ids) return;
-    std::vector<request_table::node_type> cancelled;  // their callbacks are destroyed last
+    const auto self = weak_from_this();
+    auto cancelled = std::exchange(room_for_cancelled, {});
     for (const unsigned short id : ids.mapped()) cancelled.push_back(outstanding_requests.extract(id));
+    cancelled.clear();  // the callbacks are destroyed last, and may do anything
+    if (!self.expired() && room_for_cancelled.capacity() < cancelled.capacity())
+        room_for_cancelled.swap(cancelled);
 }
 
 reqrep_client_impl::request_table::iterator reqrep_client_impl::request_itr_from_reply_topic(

@@ -38,6 +38,7 @@ void reqrep_server_impl::set_command_handler(v1::reqrep_server* rrs, const std::
     const std::string server_id = rrs->get_uuid_or_luid();
     LUMO_LOG(lumo::v1::trace, source_file, "set_command_handler",
              "server_id={} registering handler for command={}", server_id, command);
+    forget_former_server_at(rrs);
     const std::weak_ptr<server_impl> server = server_by_rrs_add_if_missing<server_impl>(rrs);
     rrs->subscribe<std::shared_ptr<request_impl>>(
         server_id + "." + command, nullptr,
@@ -46,6 +47,13 @@ void reqrep_server_impl::set_command_handler(v1::reqrep_server* rrs, const std::
             request->server = server;
             enqueue_request(topic, std::move(request), reply_needed, deserializer, handler);
         });
+}
+
+// A server that was destroyed while no backend was installed has left its state behind.
+void reqrep_server_impl::forget_former_server_at(v1::reqrep_server* rrs) {
+    const auto known = servers.find(rrs);
+    if (known != servers.end() && static_cast<const server_impl&>(*known->second).alive.expired())
+        servers.erase(known);
 }
 
 void reqrep_server_impl::unset_all_handlers(v1::reqrep_server* rrs) {

@@ -6,6 +6,7 @@
 // anything of the bus. call_out.hpp says how that is kept safe.
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cstring>
 #include <stdexcept>
 
@@ -81,16 +82,22 @@ subscriber_impl::~subscriber_impl() {
 void subscriber_impl::subscribe(v1::subscriber* s, const std::string& topic,
                                 std::function<void(const std::string&)>&& notify,
                                 std::function<void(const std::string&, const std::string&)>&& handle) {
-    add_topic_reference(topic);
-    const auto [entry, added] = subscriptions[s].try_emplace(topic);
+    auto new_handle = shareable(std::move(handle));  // what is replaced goes in reverse order: notify first
+    auto new_notify = shareable(std::move(notify));
+    auto& topics = subscriptions[s];
+    const auto [entry, added] = topics.try_emplace(topic);
+    try {
+        add_topic_reference(topic);
+    } catch (...) {
+        if (added) topics.erase(entry);
+        throw;
+    }
     if (added)
         entry->second.serial = ++last_serial;
     else
         LUMO_LOG(lumo::v1::warning, source_file, "subscribe",
                  "duplicate subscription by id={} for topic={} detected, please fix your code",
                  s->get_uuid_or_luid(), topic);
-    auto new_notify = shareable(std::move(notify));
-    auto new_handle = shareable(std::move(handle));
     entry->second.notify_fn.swap(new_notify);
     entry->second.handle_fn.swap(new_handle);
 }
@@ -108,10 +115,11 @@ void subscriber_impl::add_topic_reference(const std::string& topic) {
         ++known->second;
         return;
     }
+    unsigned& topics_of_that_length = topic_lengths[topic.size()];  // a 0 that stays there does no harm
+    topic_refs.emplace(topic, 1);
+    ++topics_of_that_length;
     LUMO_LOG(lumo::v1::trace, source_file, "subscribe", "subscribing to topic=“{}”", topic);
     zsock_set_subscribe(sub_socket.get(), topic.c_str());
-    topic_refs.emplace(topic, 1);
-    ++topic_lengths[topic.size()];
 }
 
 void subscriber_impl::remove_topic_reference(const std::string& topic) {
@@ -128,15 +136,36 @@ void subscriber_impl::subscription_handler() {
     try {
         drain_socket();
     } catch (...) {
-        if (!self.expired())
-            resume_timer = event_loop->create_timer(resume_timer_name, next_turn, no_period,
-                                                    [this] { subscription_handler(); });
+        if (!self.expired()) read_on();
         throw;
+    }
+}
+
+// Nothing out of here may take the place of the exception that is on its way. Without a timer, what waits is
+// read at once.
+void subscriber_impl::read_on() noexcept {
+    try {
+        resume_timer = event_loop->create_timer(resume_timer_name, next_turn, no_period,
+                                                [this] { subscription_handler(); });
+    } catch (...) {
+        drain_socket_whatever_is_thrown();
+    }
+}
+
+// Every turn takes in one message at least.
+void subscriber_impl::drain_socket_whatever_is_thrown() noexcept {
+    const auto self = weak_from_this();
+    while (!self.expired()) {
+        try {
+            return drain_socket();
+        } catch (...) {  // the next message may do better
+        }
     }
 }
 
 void subscriber_impl::drain_socket() {
     const auto self = weak_from_this();
+    assert(!self.expired() && "a subscriber_impl lives in a std::shared_ptr");
     while (!self.expired() && input_waiting()) receive_message();
 }
 
@@ -204,7 +233,7 @@ void subscriber_impl::deliver(const std::shared_ptr<std::string>& topic,
             subscription = find_subscription(found);
             if (subscription == nullptr) continue;
         }
-        dispatch_queue.push_back({found.subscriber, topic, data, &subscription->handle_fn});
+        dispatch_queue.push_back({found.subscriber, topic, data, &subscription->handle_fn, ++last_serial});
         if (!dispatch_timer || !dispatch_timer->pending) start_dispatch_timer();
     }
 }
@@ -251,11 +280,11 @@ void subscriber_impl::start_dispatch_timer() {
 void subscriber_impl::dispatch_one_message() {
     if (dispatch_queue.empty()) return;
     const auto self = weak_from_this();
-    const message* const running = &dispatch_queue.front();
-    make_delivery(*running);
+    const std::uint64_t running = dispatch_queue.front().serial;
+    make_delivery(dispatch_queue.front());
     if (self.expired()) return;
     // A callback that revoked its own subscriber has taken the running message off the queue itself.
-    if (!dispatch_queue.empty() && &dispatch_queue.front() == running) dispatch_queue.pop_front();
+    if (!dispatch_queue.empty() && dispatch_queue.front().serial == running) dispatch_queue.pop_front();
     if (!dispatch_queue.empty()) start_dispatch_timer();
 }
 

@@ -1,16 +1,16 @@
 // An application that goes on whatever becomes of its hub: publishes a numbered tick and sends a request
-// every PERIOD ms, hears its own ticks and those of others, and counts. At the end of its stdin it sends no
-// more, waits until every request has ended, and exits. With CHURN it also replaces a client with a request
-// under way, a server and a subscriber every so many ms.
+// every PERIOD ms, hears its own ticks and those of others, and counts. At a line of its stdin it tells its
+// counts as one JSON object; at the end of its stdin it sends no more, waits until every request has ended,
+// tells them once more, and exits. With CHURN it also replaces a client with a request under way, a server
+// and a subscriber every so many ms.
 //
 //   traffic NAME SERVER PUB_ENDPOINT SUB_ENDPOINT PERIOD [CHURN]
-//
-// Whatever changes is told on stdout, at most every 20 ms, as one JSON object a line.
 #include <array>
 #include <chrono>
 #include <iostream>
 #include <map>
 #include <optional>
+#include <utility>
 
 #include <unistd.h>
 
@@ -38,7 +38,6 @@ class traffic {
             "tick", [this](const std::string& topic) { hear(topic); }, nullptr);
         loop->watch_fd({STDIN_FILENO}, 0, [this](auto, auto) { read_stdin(); });
         every(period, sending, [this] { send(); });
-        every(milliseconds(20), telling, [this] { tell(); });
     }
 
     void churn(milliseconds period) {
@@ -49,6 +48,13 @@ class traffic {
 
   private:
     using timer = event_loop_v1::holder<timer_impl_base>;
+
+    // A client with a request under way, a server and a subscriber that are soon replaced.
+    struct passing {
+        vesk::v1::reqrep_client client;
+        vesk::v1::reqrep_server server;
+        vesk::v1::subscriber subscriber;
+    };
 
     void every(milliseconds period, timer& kept, const std::function<void()>& call) {
         kept = loop->create_timer("traffic", period, {}, [this, period, &kept, call] {
@@ -75,49 +81,45 @@ class traffic {
 
     void end(long number, const std::string* reply) {
         const auto begun = outstanding.extract(number);
-        if (!begun) return void(++counts["ended_twice"]);
-        if (reply == nullptr) {
-            ++counts["failed"];
-            counts["last_failed"] = number;
-            return;
+        if (!begun || (reply != nullptr && *reply != std::to_string(number))) return void(++counts["wrong"]);
+        counts[reply == nullptr ? "last_failed" : "last_answered"] = number;
+        if (reply != nullptr) {
+            ++counts["answered"];
+            counts["round_trips_us"] += (clock::now() - begun.mapped()) / std::chrono::microseconds(1);
         }
-        ++counts[*reply == std::to_string(number) ? "answered" : "answered_wrongly"];
-        counts["last_answered"] = number;
-        counts["round_trips_us"] +=
-            static_cast<long>((clock::now() - begun.mapped()) / std::chrono::microseconds(1));
+        finish();
     }
 
     void renew() {
-        const std::string passing = name + "-passing";
-        passing_client.emplace();
-        passing_server.emplace();
-        passing_server->set_uuid(passing);
-        passing_server->set_command_handler<sedes::v1::opaque_json_block>(
+        const std::string id = name + "-passing";
+        fleeting.emplace();
+        fleeting->server.set_uuid(id);
+        fleeting->server.set_command_handler<sedes::v1::opaque_json_block>(
             "echo", true, [](auto&& request, auto&& /*payload*/) { request.reply("1"); });
-        passing_subscriber.emplace();
-        passing_subscriber->subscribe(passing + "." + std::to_string(++counts["renewed"]), nullptr, nullptr);
-        passing_client->request(passing, "echo", "1", true, [this](const std::string* reply, const auto&) {
-            counts["passing_answered"] += reply != nullptr;
-        });
+        fleeting->subscriber.subscribe(id + "." + std::to_string(counts["sent"]), nullptr, nullptr);
+        fleeting->client.request(id, "echo", "1", true, [](const auto*, const auto&) {});
     }
 
     void read_stdin() {
         std::array<char, 256> ignored{};
-        if (::read(STDIN_FILENO, ignored.data(), ignored.size()) > 0) return;
+        if (::read(STDIN_FILENO, ignored.data(), ignored.size()) > 0) return tell();
         loop->unwatch_fd({STDIN_FILENO});
         sending.reset();
         finishing = true;
+        finish();
     }
 
-    void tell() {
-        if (counts != told) {
-            told = counts;
-            std::string line;
-            for (const auto& [key, value] : counts)
-                line += (line.empty() ? "{\"" : ", \"") + key + "\": " + std::to_string(value);
-            std::cout << line << '}' << std::endl;
-        }
-        if (finishing && outstanding.empty()) loop->stop();
+    void finish() {
+        if (!finishing || !outstanding.empty()) return;
+        tell();
+        loop->stop();
+    }
+
+    void tell() const {
+        char separator = '{';
+        for (const auto& [key, value] : counts)
+            std::cout << std::exchange(separator, ',') << '"' << key << "\":" << value;
+        std::cout << '}' << std::endl;
     }
 
     const std::string name, server;
@@ -126,16 +128,11 @@ class traffic {
     vesk::v1::publisher publisher;
     vesk::v1::reqrep_client client;
     vesk::v1::subscriber subscriber;
-    std::optional<vesk::v1::reqrep_client> passing_client;
-    std::optional<vesk::v1::reqrep_server> passing_server;
-    std::optional<vesk::v1::subscriber> passing_subscriber;
-    timer sending, telling, renewing;
+    std::optional<passing> fleeting;
+    timer sending, renewing;
     std::map<std::string, long> counts = {
-        {"sent", 0},     {"heard", 0},           {"last_heard", 0},       {"lost", 0},
-        {"answered", 0}, {"failed", 0},          {"last_answered", 0},    {"last_failed", 0},
-        {"foreign", 0},  {"ended_twice", 0},     {"answered_wrongly", 0}, {"round_trips_us", 0},
-        {"renewed", 0},  {"passing_answered", 0}};
-    std::map<std::string, long> told;
+        {"sent", 0},        {"heard", 0},         {"last_heard", 0}, {"lost", 0},           {"answered", 0},
+        {"last_failed", 0}, {"last_answered", 0}, {"foreign", 0},    {"round_trips_us", 0}, {"wrong", 0}};
     std::map<long, clock::time_point> outstanding;
     bool finishing = false;
 };

@@ -39,8 +39,9 @@ class hub_sides {
         zsock_destroy(&subscription);
     }
 
-    std::string pub_endpoint() const { return "inproc://pub-" + names; }
-    std::string sub_endpoint() const { return "inproc://sub-" + names; }
+    // With what a format would change.
+    std::string pub_endpoint() const { return "inproc://pub-%%" + names; }
+    std::string sub_endpoint() const { return "inproc://sub-%%" + names; }
 
     /// Lets the publishing side take note of a library that has connected, and subscribe there. Over inproc a
     /// socket does so only when it is asked something.
@@ -53,6 +54,12 @@ class hub_sides {
     std::string filter() {
         const frames received = receive(subscription);
         return received.empty() ? "nothing" : received.front();
+    }
+
+    /// Waits for that filter; passes over others.
+    void await_filter(const std::string& wanted) {
+        for (std::string next = filter(); next != wanted && next != "nothing"; next = filter()) {
+        }
     }
 
     /// What `filter` gives for a topic that was subscribed to, or not any more.

@@ -22,6 +22,9 @@ class manual_event_loop final : public event_loop_v1 {
     /// Names and delays of all timers ever made, in order.
     std::vector<std::pair<std::string, long long>> made_timers;
 
+    /// Whether making one throws.
+    bool refuse_timers = false;
+
     void watch_fd(file_desc fd, int, std::function<void(file_desc, poll_events)> callback) override {
         if (watches.contains(fd.value)) throw std::logic_error("watched twice");
         watches[fd.value] = std::make_shared<decltype(callback)>(std::move(callback));
@@ -35,6 +38,7 @@ class manual_event_loop final : public event_loop_v1 {
 
     holder<timer_impl_base> create_timer(const char* name, milliseconds delay, milliseconds,
                                          std::function<void()> callback) override {
+        if (refuse_timers) throw std::logic_error("no timer");
         made_timers.emplace_back(name, delay.count());
         const auto made = std::make_shared<timer>();
         made->callback = std::move(callback);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -44,6 +45,28 @@ class whole_bus : public testing::Test {
         loop->run_until([&] { return log.lines.size() > before; });
     }
 
+    /// Waits until the hub knows every subscription made so far.
+    void settle() {
+        vesk::v1::subscriber last;
+        last.subscribe("settled", nullptr, nullptr);
+        hub.await_filter(hub.set("settled"));
+        last.revoke_subscriptions();
+        hub.await_filter(hub.removed("settled"));
+    }
+
+    /// Relays messages and reads until the last of them has been received. A sentinel tells, whose own
+    /// deliveries are dropped.
+    void receive(const std::vector<frames>& messages) {
+        vesk::v1::subscriber sentinel;
+        bool received = false;
+        sentinel.subscribe(
+            "sentinel", [&](const auto&) { received = true; }, nullptr);
+        settle();
+        for (const auto& message : messages) hub.relay(message);
+        hub.relay("sentinel", "");
+        loop->run_until([&] { return received; });
+    }
+
     /// Topic and data of the next message that was published.
     std::pair<std::string, std::string> published() {
         const frames message = hub.published();
@@ -68,11 +91,13 @@ class whole_bus : public testing::Test {
 class kept_publications : public vesk::v1::publisher::backend {
   public:
     void publish(vesk::v1::publisher*, const std::string& topic, const std::string& data) override {
+        if (const auto act = std::exchange(on_publish, nullptr)) act();
         if (refuse_with_int) throw 1;
         if (refuse) throw std::runtime_error("refused");
         if (keep) messages.emplace_back(topic, data);
     }
 
+    std::function<void()> on_publish;  ///< called once, by the next publication
     bool refuse = false;
     bool refuse_with_int = false;
     bool keep = true;

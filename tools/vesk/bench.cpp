@@ -16,6 +16,7 @@
 #include "bench_phases.hpp"
 #include "bench_report.hpp"
 #include "bench_svg.hpp"
+#include "bus_environment.hpp"
 #include "commands.hpp"
 #include "echo.hpp"
 #include "exit_code.hpp"
@@ -50,6 +51,7 @@ struct bench_options {
 
 std::unique_ptr<relay::hub> own_hub(const bench_options& options) {
     if (!options.own_hub) return nullptr;
+    check_environment();
     return std::make_unique<relay::hub>(relay::hub::options{"tcp://127.0.0.1:*", "tcp://127.0.0.1:*"});
 }
 

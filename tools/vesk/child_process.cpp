@@ -5,6 +5,7 @@
 #include <csignal>
 #include <string_view>
 #include <system_error>
+#include <tuple>
 #include <utility>
 
 #include <fcntl.h>
@@ -24,8 +25,8 @@ int checked(int result, const std::string& what) {
 }
 
 // The input as a file in memory: whenever and however slowly the program reads, nobody has to wait for it.
-owned_fd input_file(const std::string& input) {
-    owned_fd file(checked(::memfd_create("input", MFD_CLOEXEC), "memfd_create"));
+wire::descriptor input_file(const std::string& input) {
+    wire::descriptor file(checked(::memfd_create("input", MFD_CLOEXEC), "memfd_create"));
     for (std::size_t written = 0; written < input.size();)
         written += static_cast<std::size_t>(
             checked(static_cast<int>(::write(file.get(), input.data() + written, input.size() - written)),
@@ -34,22 +35,24 @@ owned_fd input_file(const std::string& input) {
     return file;
 }
 
-struct pipe_ends {
-    owned_fd read;
-    owned_fd write;
-};
-
-pipe_ends make_pipe() {
+// The end to read from, which never blocks, and the end to write to.
+std::pair<wire::descriptor, wire::descriptor> make_pipe() {
     std::array<int, 2> ends{};
     checked(::pipe2(ends.data(), O_CLOEXEC), "pipe");
-    pipe_ends made{owned_fd(ends[0]), owned_fd(ends[1])};
-    checked(::fcntl(made.read.get(), F_SETFL, O_NONBLOCK), "fcntl");
+    std::pair made{wire::descriptor(ends[0]), wire::descriptor(ends[1])};
+    checked(::fcntl(ends[0], F_SETFL, O_NONBLOCK), "fcntl");
     return made;
 }
 
-// Starts the program with those standard descriptors, in a process group of its own, with signals as a
-// program expects them.
-pid_t spawn(const std::vector<std::string>& command, int input, int output, int errors) {
+struct standard_streams {
+    wire::descriptor input{};
+    wire::descriptor output{};
+    wire::descriptor errors{};
+};
+
+// Starts the program in a process group of its own, with signals as a program expects them. It alone has the
+// streams afterwards, which leaves room for descriptors that can be made only now.
+pid_t spawn(const std::vector<std::string>& command, standard_streams streams) {
     std::vector<char*> arguments;
     arguments.reserve(command.size() + 1);
     for (const auto& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
@@ -59,9 +62,9 @@ pid_t spawn(const std::vector<std::string>& command, int input, int output, int 
     sigset_t no_signals;
     sigset_t all_signals;
     ::posix_spawn_file_actions_init(&actions);
-    ::posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
-    ::posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-    ::posix_spawn_file_actions_adddup2(&actions, errors, STDERR_FILENO);
+    ::posix_spawn_file_actions_adddup2(&actions, streams.input.get(), STDIN_FILENO);
+    ::posix_spawn_file_actions_adddup2(&actions, streams.output.get(), STDOUT_FILENO);
+    ::posix_spawn_file_actions_adddup2(&actions, streams.errors.get(), STDERR_FILENO);
     ::posix_spawnattr_init(&attributes);
     ::sigemptyset(&no_signals);
     ::posix_spawnattr_setsigmask(&attributes, &no_signals);
@@ -81,7 +84,7 @@ pid_t spawn(const std::vector<std::string>& command, int input, int output, int 
 }
 
 // Calls `take` with each piece that can be read now. False once there is nothing more to come.
-bool read_available(const owned_fd& from, const std::function<void(std::string_view)>& take) {
+bool read_available(const wire::descriptor& from, const std::function<void(std::string_view)>& take) {
     std::array<char, 65536> piece;
     while (true) {
         const ssize_t length = ::read(from.get(), piece.data(), piece.size());
@@ -94,27 +97,17 @@ bool read_available(const owned_fd& from, const std::function<void(std::string_v
 
 }  // namespace
 
-owned_fd& owned_fd::operator=(owned_fd&& other) noexcept {
-    std::swap(fd, other.fd);
-    return *this;
-}
-
-owned_fd::~owned_fd() {
-    if (fd >= 0) ::close(fd);
-}
-
 child_process::child_process(event_loop_v1& loop, const std::vector<std::string>& command,
                              const std::string& input, std::function<void(outcome)> ended)
     : child_process(loop, std::move(ended)) {
-    const owned_fd standard_input = input_file(input);
-    pipe_ends output_pipe = make_pipe();
-    pipe_ends error_pipe = make_pipe();
-    pid = spawn(command, standard_input.get(), output_pipe.write.get(), error_pipe.write.get());
-    exit_notice = owned_fd(checked(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)), "pidfd_open"));
-    output = std::move(output_pipe.read);
-    errors = std::move(error_pipe.read);
+    standard_streams streams{.input = input_file(input)};
+    std::tie(output, streams.output) = make_pipe();
+    std::tie(errors, streams.errors) = make_pipe();
     watch(output, [this] { read_output(); });
     watch(errors, [this] { read_errors(); });
+    pid = spawn(command, std::move(streams));
+    exit_notice =
+        wire::descriptor(checked(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)), "pidfd_open"));
     watch(exit_notice, [this] { reap(); });
 }
 
@@ -125,13 +118,26 @@ child_process::~child_process() {
     ::waitpid(pid, nullptr, 0);
 }
 
-void child_process::watch(const owned_fd& fd, std::function<void()> callback) {
+void child_process::watch(const wire::descriptor& fd, std::function<void()> callback) {
     events.watch_fd({fd.get()}, 0, [callback = std::move(callback)](auto, auto) { callback(); });
     watched.push_back(fd.get());
 }
 
 void child_process::end_watches() {
     for (const int fd : std::exchange(watched, {})) events.unwatch_fd({fd});
+}
+
+void child_process::give_up(const std::string& reason) {
+    if (has_ended()) return;
+    if (result.given_up_for.empty()) result.given_up_for = reason;
+    kill_group();
+}
+
+// Leaves it to be waited for: until then its number is nobody else's.
+bool child_process::has_ended() const {
+    siginfo_t state{};
+    const int error = ::waitid(P_PID, static_cast<id_t>(pid), &state, WEXITED | WNOHANG | WNOWAIT);
+    return error != 0 || state.si_pid == pid;
 }
 
 void child_process::kill_group() const {
@@ -141,8 +147,8 @@ void child_process::kill_group() const {
 void child_process::read_output() {
     const bool open = read_available(output, [this](std::string_view piece) {
         result.standard_output += piece.substr(0, most_output - result.standard_output.size());
-        if (result.standard_output.size() < most_output || result.too_much_output) return;
-        result.too_much_output = true;
+        if (result.standard_output.size() < most_output || !result.given_up_for.empty()) return;
+        result.given_up_for = "the program's output is larger than a message may be";
         kill_group();
     });
     if (!open && std::erase(watched, output.get()) > 0) events.unwatch_fd({output.get()});
@@ -159,10 +165,11 @@ void child_process::read_errors() {
 
 // The program has ended; what others that it has started may still write is not waited for.
 void child_process::reap() {
+    if (!has_ended()) return;
     read_output();
     read_errors();
     end_watches();
-    ::waitpid(std::exchange(pid, -1), &result.wait_status, 0);
+    ::waitpid(std::exchange(pid, -1), &result.wait_status, WNOHANG);
     const auto call = std::move(when_ended);
     call(std::move(result));
 }

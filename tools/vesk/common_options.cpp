@@ -9,6 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "user_group.hpp"
+
 namespace tolvan::vesk::tool {
 
 namespace {
@@ -17,21 +19,37 @@ constexpr const char* pub_endpoint_option = "--pub-endpoint";
 constexpr const char* sub_endpoint_option = "--sub-endpoint";
 constexpr char shield = '\x1f';
 
-std::string default_folder() {
+const char* runtime_folder() {
     const char* const runtime = std::getenv("XDG_RUNTIME_DIR");
-    return runtime != nullptr && *runtime != '\0' ? std::string(runtime) + "/vesk"
-                                                  : "/tmp/vesk-" + std::to_string(::getuid());
+    return runtime != nullptr && *runtime != '\0' ? runtime : nullptr;
+}
+
+std::string default_folder() {
+    const char* const runtime = runtime_folder();
+    return runtime != nullptr ? std::string(runtime) + "/vesk" : "/tmp/vesk-" + std::to_string(::getuid());
+}
+
+bool is_mine_alone(const struct stat& folder) {
+    return folder.st_uid == ::getuid() && (folder.st_mode & 077) == 0;
+}
+
+// As a hub for a group has it. Another's counts only where somebody has said that things are shared: in /tmp
+// a fellow member could put up a hub of his own under anybody's name.
+bool is_for_a_group(const struct stat& folder) {
+    if ((folder.st_mode & 077) != 050) return false;
+    return folder.st_uid == ::getuid() || (runtime_folder() != nullptr && is_in_group(folder.st_gid));
 }
 
 // Made by whoever comes first, hub or client: in a folder that is somebody else's, the hub would be too.
 void claim(const std::string& folder) {
     struct stat status = {};
-    ::mkdir(folder.c_str(), 0700);
+    if (::mkdir(folder.c_str(), 0700) == 0) ::chmod(folder.c_str(), 0700);
     if (::lstat(folder.c_str(), &status) != 0)
         throw std::system_error(errno, std::generic_category(), "could not make the folder " + folder);
-    if (!S_ISDIR(status.st_mode) || status.st_uid != ::getuid() || (status.st_mode & 077) != 0)
+    if (!S_ISDIR(status.st_mode) || !(is_mine_alone(status) || is_for_a_group(status)))
         throw std::runtime_error(folder +
-                                 " is not a folder that only you can enter; name both endpoints instead");
+                                 " is not a folder that only you or a group of yours can enter and its owner "
+                                 "alone can change; name both endpoints instead");
 }
 
 }  // namespace
@@ -56,7 +74,8 @@ void complete(const CLI::App& app, common_options& options) {
     const bool sub_named = !app.get_option(sub_endpoint_option)->empty();
     if (pub_named && sub_named) return;
     const std::string folder = default_folder();
-    claim(folder);
+    // A hub claims its folders itself.
+    if (!app.got_subcommand("hub")) claim(folder);
     if (!pub_named) options.pub_endpoint = "ipc://" + folder + "/pub";
     if (!sub_named) options.sub_endpoint = "ipc://" + folder + "/sub";
 }

@@ -17,7 +17,8 @@ std::optional<std::string> input_lines::next() {
     const std::size_t line_break = buffer.find('\n', std::max(searched, taken));
     if (line_break == std::string::npos) {
         searched = buffer.size();
-        if (!end_of_input || taken == buffer.size()) return std::nullopt;
+        const std::size_t length = buffer.size() - taken;
+        if (length <= longest_line && (!end_of_input || length == 0)) return std::nullopt;
     }
     const std::size_t end = std::min(line_break, buffer.size());
     std::string line = buffer.substr(taken, end - taken);

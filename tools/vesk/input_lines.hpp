@@ -12,13 +12,15 @@ namespace tolvan::vesk::tool {
 /// time.
 class input_lines {
   public:
-    input_lines(event_loop_v1& loop, int descriptor) : events(loop), fd{descriptor} {}
+    /// A line of more than `longest` bytes is not read to its end.
+    input_lines(event_loop_v1& loop, int descriptor, std::size_t longest)
+        : events(loop), fd{descriptor}, longest_line(longest) {}
     input_lines(const input_lines&) = delete;
     input_lines& operator=(const input_lines&) = delete;
     ~input_lines();
 
-    /// Takes the next line that has been read, without its line break. None when there is none yet, or no
-    /// more.
+    /// Takes the next line that has been read, without its line break; of one that is too long what has been
+    /// read of it, which is too long as well. None when there is none yet, or no more.
     std::optional<std::string> next();
 
     /// Whether everything has been read and taken.
@@ -34,6 +36,7 @@ class input_lines {
 
     event_loop_v1& events;
     event_loop_v1::file_desc fd;
+    std::size_t longest_line;
     std::function<void()> on_piece;
     std::string buffer;
     std::size_t taken = 0;     ///< up to here the buffer has been given out

@@ -1,5 +1,4 @@
 #include <exception>
-#include <iostream>
 
 #include <CLI/CLI.hpp>
 #include <fcntl.h>
@@ -7,6 +6,7 @@
 
 #include "commands.hpp"
 #include "exit_code.hpp"
+#include "tell.hpp"
 
 namespace tolvan::vesk::tool {
 
@@ -57,7 +57,7 @@ int main(int argc, char** argv) {
     try {
         return tolvan::vesk::tool::run(argc, argv);
     } catch (const std::exception& error) {
-        std::cerr << "vesk: " << error.what() << '\n';
+        tolvan::vesk::tool::tell(error.what());
         return tolvan::vesk::tool::failed;
     }
 }

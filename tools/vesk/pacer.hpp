@@ -5,8 +5,7 @@
 #include <random>
 
 #include <tolvan/event_loop_v1.hpp>
-
-#include "child_process.hpp"
+#include <tolvan/wire/descriptor.hpp>
 
 namespace tolvan::vesk::tool {
 
@@ -32,7 +31,7 @@ class pacer {
     const clock::time_point begun = clock::now();
     double turns = 0;
     std::minstd_rand random;
-    owned_fd timer;
+    wire::descriptor timer;
 };
 
 }  // namespace tolvan::vesk::tool

@@ -1,13 +1,14 @@
-#include <deque>
 #include <memory>
 #include <optional>
-#include <stdexcept>
+#include <utility>
 
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <tolvan/relay/hub.hpp>
+
 #include "commands.hpp"
-#include "echo.hpp"
+#include "confirmed_publisher.hpp"
 #include "exit_code.hpp"
 #include "input_lines.hpp"
 
@@ -15,19 +16,16 @@ namespace tolvan::vesk::tool {
 
 namespace {
 
-// A publisher that runs ahead of its hub, or whose hub goes away, loses messages silently: ZeroMQ gives it
-// credit for 500 messages at a time, and has it look for new credit about once a millisecond. So a marker
-// follows every 200 messages and every pause, and while 400 messages are not confirmed by a marker that came
-// back, no more are sent. Markers come back one per millisecond, and count in their order only: behind one
-// that is lost nothing is confirmed.
-constexpr std::uint64_t messages_per_marker = 200;
-constexpr std::uint64_t most_unconfirmed = 400;
-
 struct pub_options {
-    std::string topic;
+    confirmed_publisher::options publishing;
     std::optional<std::string> data;  ///< without it the lines of stdin are published
-    seconds timeout{5};
 };
+
+/// Why the hub cannot carry that line; empty when it can.
+std::string objection_to(const std::string& line) {
+    if (line.size() > relay::hub::largest_message) return "is longer than 16 MiB";
+    return line.find('\0') == std::string::npos ? "" : "has a NUL byte";
+}
 
 class pub_command {
   public:
@@ -35,87 +33,81 @@ class pub_command {
         : options(given),
           hub(common.hub()),
           process(common, failed),
-          markers([this](echo::number marker) { confirm(marker); }),
-          input(process.loop(), STDIN_FILENO),
-          probe(process, [this] { start(); }) {
-        expect_answer();
-    }
+          input(process.loop(), STDIN_FILENO, relay::hub::largest_message),
+          publisher(process, common, given.publishing,
+                    {.progress = [this] { publish_more(); },
+                     .lost = [this](const auto& numbers) { note_loss(numbers); },
+                     .gave_up = [this](bool hub_answers) { give_up(hub_answers); }}) {}
 
     int run() {
         const int status = process.run();
-        if (status != done && sent > 0)
-            tell(fmt::format("{} of {} messages are not confirmed", sent - confirmed, sent));
+        lost.append(publisher.under_way());
+        if (lost.count() > 0) tell_unconfirmed();
         return status;
     }
 
   private:
-    void start() {
-        answer_deadline.reset();
-        if (options.data) {
-            publish(*options.data);
-            end_of_messages = true;
-        }
-        publish_lines();
+    void publish_more() {
+        while (!end_of_messages && publisher.has_room())
+            if (!publish_next()) return input.await_more([this] { publish_more(); });
+        if (!end_of_messages || !publisher.is_done()) return;
+        if (!refusal.empty()) return process.finish(failed, refusal);
+        process.finish(lost.count() == 0 ? done : failed);
     }
 
-    void publish_lines() {
-        while (!end_of_messages && sent - confirmed < most_unconfirmed) {
-            const auto line = input.next();
-            if (line) {
-                publish(*line);
-            } else if (input.at_end()) {
-                end_of_messages = true;
-            } else {
-                input.await_more([this] { publish_lines(); });
-                break;
-            }
-        }
-        if (outstanding_markers.empty() && sent != confirmed) send_marker();
-        if (end_of_messages && sent == confirmed) process.finish(done);
+    // False when there is nothing to publish yet.
+    bool publish_next() {
+        std::optional<std::string> next = options.data ? options.data : input.next();
+        end_of_messages = options.data || (!next && input.at_end());
+        if (next) publish_or_refuse(std::move(*next));
+        return next || end_of_messages;
     }
 
-    void publish(const std::string& data) {
-        if (data.find('\0') != std::string::npos)
-            throw std::runtime_error(
-                fmt::format("message {} has a NUL byte, which the hub cannot carry", sent + 1));
-        publisher.publish(options.topic, data);
-        if (++sent % messages_per_marker == 0) send_marker();
+    // What was published before a refused line is waited for, as at the end.
+    void publish_or_refuse(std::string data) {
+        const std::string objection = objection_to(data);
+        if (objection.empty()) return publisher.publish({++published, std::move(data)});
+        refusal = fmt::format("line {} {}, which the hub cannot carry; published up to there", published + 1,
+                              objection);
+        end_of_messages = true;
     }
 
-    void send_marker() {
-        outstanding_markers.push_back(sent);
-        markers.send(sent);
-        if (!answer_deadline) expect_answer();
+    void note_loss(const number_ranges& numbers) {
+        if (options.publishing.resend)
+            tell(fmt::format("sending {} again", named(numbers)));
+        else
+            lost.append(numbers);
     }
 
-    void confirm(echo::number marker) {
-        if (outstanding_markers.empty() || marker != outstanding_markers.front()) return;
-        outstanding_markers.pop_front();
-        confirmed = marker;
-        answer_deadline.reset();
-        if (!outstanding_markers.empty()) expect_answer();
-        publish_lines();
+    void give_up(bool hub_answers) {
+        const double patience = options.publishing.patience.count();
+        if (hub_answers)
+            process.finish(
+                failed, fmt::format("the hub at {} answers, but has relayed nothing of this for {:g} s", hub,
+                                    patience));
+        else
+            process.finish(timed_out,
+                           fmt::format("no answer from the hub at {} within {:g} s", hub, patience));
     }
 
-    void expect_answer() {
-        answer_deadline = process.after(options.timeout, [this] {
-            process.finish(timed_out, fmt::format("no answer from the hub at {} within {:g} s", hub,
-                                                  options.timeout.count()));
-        });
+    void tell_unconfirmed() const {
+        tell(fmt::format("{} of {} messages are not confirmed: {}", lost.count(), published, named(lost)));
+    }
+
+    std::string named(const number_ranges& numbers) const {
+        if (options.data) return "the message";
+        return (numbers.count() == 1 ? "line " : "lines ") + numbers.text();
     }
 
     const pub_options& options;
     const std::string hub;
     session process;
-    v1::publisher publisher;
-    echo markers;
     input_lines input;
-    readiness probe;
-    session::timer answer_deadline;
-    std::uint64_t sent = 0;
-    std::uint64_t confirmed = 0;                   ///< so many the hub has relayed for certain
-    std::deque<echo::number> outstanding_markers;  ///< each is the number of messages sent before it
+    number_ranges lost;
+    std::string refusal;  ///< says which line was refused, and why
+    std::uint64_t published = 0;
     bool end_of_messages = false;
+    confirmed_publisher publisher;
 };
 
 }  // namespace
@@ -123,13 +115,17 @@ class pub_command {
 void add_pub_command(CLI::App& app, const common_options& common, chosen_command& chosen) {
     const auto options = std::make_shared<pub_options>();
     CLI::App& command = *app.add_subcommand(
-        "pub", "Publish DATA, or each line of stdin; done when the hub has relayed every message");
-    verbatim(command.add_option("TOPIC", options->topic,
-                                "Topic; up to and including a \":\" it is for the log alone"))
+        "pub", "Publish DATA, or each line of stdin; done when every message has come back from the hub");
+    verbatim(command.add_option("TOPIC", options->publishing.topic,
+                                "Topic; what stands before the first \":\" is not sent"))
         ->required();
     verbatim(command.add_option("DATA", options->data, "One message; without it each line of stdin is one"));
-    add_seconds(command, "--timeout", options->timeout, "Give up when the hub has not answered for so long")
+    add_seconds(command, "--timeout", options->publishing.patience,
+                "Give up when the hub has not answered for so long")
         ->default_str("5");
+    command.add_flag("--resend", options->publishing.resend,
+                     "Send again what has not come back; around a break of the connection lines may come "
+                     "twice, and in another order");
     command.callback([&common, &chosen, options] {
         chosen = [&common, options] { return pub_command(common, *options).run(); };
     });

@@ -1,11 +1,14 @@
 #include <iostream>
 #include <memory>
 
+#include <unistd.h>
+
 #include <tolvan/vesk/v1/reqrep_client.hpp>
 
 #include "commands.hpp"
 #include "echo.hpp"
 #include "exit_code.hpp"
+#include "printable.hpp"
 #include "validators.hpp"
 
 namespace tolvan::vesk::tool {
@@ -41,7 +44,7 @@ class request_command {
         client.request(options.target, options.command, options.payload, !options.no_reply,
                        [this](const std::string* reply, std::exception_ptr failure) {
                            if (failure) return fail(failure);
-                           if (reply != nullptr) std::cout << *reply << std::endl;
+                           if (reply != nullptr) std::cout << shown_on(STDOUT_FILENO, *reply) << std::endl;
                            if (!std::cout) return process.finish(failed, "could not write to stdout");
                            process.finish(done);
                        });

@@ -1,11 +1,13 @@
 #include "session.hpp"
 
 #include <array>
-#include <cstdlib>
-#include <iostream>
 
 #include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/spdlog.h>
+#include <unistd.h>
+
+#include "bus_environment.hpp"
+#include "printable.hpp"
 
 namespace tolvan::vesk::tool {
 
@@ -19,13 +21,13 @@ lumo::v1::sink_registration log_to_stderr(int level) {
         static constexpr std::array shown_as = {spdlog::level::err, spdlog::level::warn, spdlog::level::info,
                                                 spdlog::level::debug};
         logger->log(shown_as.at(static_cast<std::size_t>(entry.severity)), "{}:{} {}: {}", entry.file,
-                    entry.line, entry.function, entry.text);
+                    entry.line, entry.function, shown_on(STDERR_FILENO, entry.text));
     });
 }
 
-// A queue that holds more than czmq's 1000: on a busy machine a publisher learns of its credit too late.
 v1::conf_t configuration(const common_options& common) {
-    ::setenv("ZSYS_SNDHWM", "100000", 0);
+    prepare_environment(common);
+    check_environment();
     v1::conf_t conf;
     conf.pub_endpoint = common.pub_endpoint;
     conf.sub_endpoint = common.sub_endpoint;
@@ -63,10 +65,6 @@ session::timer session::after(milliseconds delay, std::function<void()> callback
 
 session::timer session::after(seconds delay, std::function<void()> callback) {
     return after(std::chrono::ceil<milliseconds>(delay), std::move(callback));
-}
-
-void tell(const std::string& text) {
-    std::cerr << "vesk: " + text + "\n";
 }
 
 }  // namespace tolvan::vesk::tool

@@ -9,6 +9,7 @@
 
 #include "common_options.hpp"
 #include "signals.hpp"
+#include "tell.hpp"
 
 namespace tolvan::vesk::tool {
 
@@ -19,7 +20,7 @@ class session {
     using milliseconds = event_loop_v1::milliseconds;
     using timer = event_loop_v1::holder<timer_impl_base>;
 
-    /// Connects. `code_on_signal` is the exit status when SIGINT or SIGTERM ends the command. Throws
+    /// Connects. `code_on_signal` is the exit status when SIGINT, SIGTERM or SIGHUP ends it. Throws
     /// std::runtime_error for a rejected endpoint.
     session(const common_options& common, int code_on_signal);
 
@@ -46,8 +47,5 @@ class session {
     bool finished = false;
     int status = 0;
 };
-
-/// Says something to the person at the terminal.
-void tell(const std::string& text);
 
 }  // namespace tolvan::vesk::tool

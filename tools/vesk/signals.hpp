@@ -2,8 +2,8 @@
 
 namespace tolvan::vesk::tool {
 
-/// SIGINT and SIGTERM as something to read instead of an interruption. Make it before any thread, which
-/// inherits the blocked signals.
+/// SIGINT, SIGTERM and SIGHUP as something to read instead of an interruption; SIGHUP only when it is not
+/// ignored, as nohup has it. Make it before any thread, which inherits the blocked signals.
 class termination_signals {
   public:
     /// Throws std::system_error.
@@ -18,5 +18,8 @@ class termination_signals {
   private:
     int fd;
 };
+
+/// Lets the process outlive whoever reads its output, and write to a terminal behind other programs.
+void ignore_signals_about_output();
 
 }  // namespace tolvan::vesk::tool

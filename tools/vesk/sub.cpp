@@ -3,11 +3,14 @@
 #include <memory>
 #include <vector>
 
+#include <unistd.h>
+
 #include <tolvan/Variant.hpp>
 
 #include "commands.hpp"
 #include "echo.hpp"
 #include "exit_code.hpp"
+#include "printable.hpp"
 
 namespace tolvan::vesk::tool {
 
@@ -46,7 +49,8 @@ class sub_command {
 
     void print(const std::string& topic, const std::string& data) {
         if (options.count != 0 && printed == options.count) return;
-        std::cout << (options.json ? as_json(topic, data) : topic + " " + data) << std::endl;
+        const std::string line = options.json ? as_json(topic, data) : topic + " " + data;
+        std::cout << shown_on(STDOUT_FILENO, line) << std::endl;
         if (!std::cout) return process.finish(failed, "could not write to stdout");
         if (++printed == options.count) process.finish(done);
     }

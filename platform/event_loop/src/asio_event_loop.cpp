@@ -1,4 +1,4 @@
-// The loop stands on Asio's io_context. Two things are its own:
+// The loop stands on Asio's io_context. Three things are its own:
 //
 // The millisecond grid. now() is the steady clock cut to whole milliseconds, and a timer of d ms made at
 // now() == t expires at the grid point t + d, not d ms after the moment of the call. A chain of 1 ms timers
@@ -7,6 +7,10 @@
 // Who keeps a callback. A timer and a watch own their callback; what is queued inside Asio only knows them
 // weakly. Releasing one therefore silences it, also when its expiry is queued already, and one that is
 // released from its own callback lives until that callback returns.
+//
+// A second look. Asio takes events from the kernel in batches, and reuses its record of a descriptor as soon
+// as that is released. A watch made while a batch is worked off can thus be told of an event that another
+// descriptor had before. So each watch asks the kernel once more before it calls.
 #include <algorithm>
 #include <stdexcept>
 #include <string>
@@ -46,6 +50,12 @@ struct watch {
     watch_callback callback;
 };
 
+// Also true of a plain file, and of a pipe that has ended.
+bool is_readable(int fd) {
+    pollfd asked{.fd = fd, .events = POLLIN, .revents = 0};
+    return ::poll(&asked, 1, 0) != 0;
+}
+
 void await_readable(const std::shared_ptr<watch>& watched);
 
 // The next wait begins after the callback, so that a descriptor which the callback has drained does not wake
@@ -64,7 +74,8 @@ void await_readable(const std::shared_ptr<watch>& watched) {
                                        if (!running || error == asio::error::operation_aborted)
                                            return;  // a plain file gives an error: ready
                                        const await_again afterwards{running};
-                                       running->callback({running->descriptor.native_handle()}, {POLLIN});
+                                       const int fd = running->descriptor.native_handle();
+                                       if (is_readable(fd)) running->callback({fd}, {POLLIN});
                                    });
 }
 

@@ -33,6 +33,22 @@ unsigned print_text(char* dest, unsigned size, const char* spec, std::string_vie
     return print(dest, size, spec, text);
 }
 
+bool lies_between(char c, unsigned char first, unsigned char last) {
+    const auto byte = static_cast<unsigned char>(c);
+    return first <= byte && byte <= last;
+}
+
+// How many bytes at the start of a text are a C1 control (U+0080 to U+009F), or a control of the direction of
+// writing (U+202A to U+202E, U+2066 to U+2069); 0 for anything else.
+std::size_t control_at_start(std::string_view text) {
+    const char second = text.size() < 2 ? '\0' : text[1];
+    const char third = text.size() < 3 ? '\0' : text[2];
+    if (text[0] == '\xC2') return lies_between(second, 0x80, 0x9F) ? 2 : 0;
+    const bool direction = text[0] == '\xE2' && ((second == '\x80' && lies_between(third, 0xAA, 0xAE)) ||
+                                                 (second == '\x81' && lies_between(third, 0xA6, 0xA9)));
+    return direction ? 3 : 0;
+}
+
 }  // namespace
 
 unsigned var_printer<std::string>::operator()(char* dest, unsigned size, const char* spec,
@@ -126,11 +142,26 @@ void message_formatter<>::generate_output() {
 }
 
 void message_formatter<>::scrub_buffer() {
-    const auto scrubbed = [](char c) {
+    unsigned char begins_longer_one = 0;
+    const auto scrubbed = [&begins_longer_one](char c) {
         const auto byte = static_cast<unsigned char>(c);
+        begins_longer_one |= static_cast<unsigned char>(byte == 0xC2 || byte == 0xE2);
         return byte < 0x20 || byte == 0x7F ? '?' : c;
     };
     std::transform(buffer, get_buffer_free_ptr(), buffer, scrubbed);
+    if (begins_longer_one != 0) scrub_multibyte_controls();
+}
+
+// The text gets shorter where it stands.
+void message_formatter<>::scrub_multibyte_controls() {
+    char* end = buffer;
+    for (std::string_view rest(buffer, length); !rest.empty();) {
+        const std::size_t control = control_at_start(rest);
+        *end++ = control > 0 ? '?' : rest.front();
+        rest.remove_prefix(std::max<std::size_t>(control, 1));
+    }
+    std::fill(end, get_buffer_free_ptr(), '\0');
+    length = static_cast<unsigned>(end - buffer);
 }
 
 void message_formatter<>::append(const char* bytes, std::size_t size) {

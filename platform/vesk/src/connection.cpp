@@ -1,8 +1,12 @@
+#include <cstddef>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <stdexcept>
+#include <utility>
 
 #include <dlfcn.h>
+#include <unistd.h>
 
 #include <tolvan/vesk/v1/connection.hpp>
 #include <tolvan/vesk/v1/publisher.hpp>
@@ -56,12 +60,33 @@ bool any_backend_installed() {
     return subscriber::backend::instance || publisher::backend::instance;
 }
 
+// Empties the slot without destroying what is in it: the place has no destructor.
+template <typename Backend>
+void abandon(std::shared_ptr<Backend>& slot) {
+    alignas(std::shared_ptr<Backend>) static std::byte place[sizeof slot];
+    std::construct_at(reinterpret_cast<std::shared_ptr<Backend>*>(place), std::move(slot));
+}
+
+void abandon_backends() {
+    abandon(reqrep_server::backend::instance);
+    abandon(reqrep_client::backend::instance);
+    abandon(publisher::backend::instance);
+    abandon(subscriber::backend::instance);
+}
+
+pid_t owner = 0;
+
+// A forked child shares its parent's epoll set: a backend that unwatched its descriptors there would make the
+// parent deaf.
+void release_own_backends() {
+    ::getpid() == owner ? release_backends() : abandon_backends();
+}
+
 // Handlers run in reverse order of registration, and a transport's own clean-up at exit is registered when
 // its first socket is made. Registered only once a backend is there, this one therefore runs before it.
 void release_backends_at_exit() {
-    static bool registered = false;
-    if (registered || !any_backend_installed()) return;
-    registered = std::atexit(release_backends) == 0;
+    if (owner != 0 || !any_backend_installed()) return;
+    if (std::atexit(release_own_backends) == 0) owner = ::getpid();
 }
 
 }  // namespace

@@ -14,8 +14,9 @@ class publisher_impl final : public v1::publisher::backend {
     /// std::runtime_error for an endpoint that ZeroMQ rejects.
     publisher_impl(const std::string& endpoint, bool block_on_first_publish);
 
-    /// Sends one message; failures go to the log. The first call blocks without limit until the hub's first
-    /// subscription has arrived if the constructor was told so.
+    /// Sends one message; failures go to the log. If the constructor was told so, the first call blocks
+    /// without limit until the hub's first subscription has arrived, or a signal with a handler; no later
+    /// call waits.
     void publish(v1::publisher* client, const std::string& topic, const std::string& data) override;
 
   private:

@@ -1,12 +1,14 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <exception>
 #include <functional>
 #include <list>
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include <tolvan/event_loop_v1.hpp>
 #include <tolvan/sedes/v1/json.hpp>
@@ -53,13 +55,23 @@ class reqrep_client_impl final : public v1::reqrep_client::backend,
         v1::reqrep_client* client = nullptr;
         event_loop_v1::holder<timer_impl_base> timer;
         bool reply_needed = false;
+        std::uint64_t serial = 0;  ///< tells it from a later one with the same id
     };
     using request_table = std::unordered_map<unsigned short, outstanding_request_t>;
 
+    /// One request for as long as it is being issued.
+    struct issue_t {
+        unsigned short id;
+        std::uint64_t serial;
+    };
+
     void subscribe_to_replies();
-    unsigned short allocate_id();
-    void issue(unsigned short id, const std::string& payload);
-    void withdraw(unsigned short id, request_callback& callback);
+    issue_t allocate_id();
+    void make_room_for_cancelled();
+    outstanding_request_t& enlist(v1::reqrep_client* client, unsigned short id);
+    void issue(const issue_t& issued, const std::string& payload);
+    request_table::iterator find_issued(const issue_t& issued);
+    bool withdraw(const issue_t& issued, request_callback& callback);
     std::string reply_topic_of(unsigned short id) const;
     void start_timer(request_table::iterator waiting, std::chrono::milliseconds delay);
 
@@ -77,6 +89,9 @@ class reqrep_client_impl final : public v1::reqrep_client::backend,
     std::unordered_map<v1::reqrep_client*, std::list<unsigned short>> requests_by_client;  ///< oldest first
     unsigned short next_request_id = 0;
     bool reply_subscription_done = false;
+    std::uint64_t last_serial = 0;
+    /// Empty, with room for all outstanding requests: cancelling them takes no memory.
+    std::vector<request_table::node_type> room_for_cancelled;
 };
 
 }  // namespace tolvan::vesk::hub

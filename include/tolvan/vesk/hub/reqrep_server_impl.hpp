@@ -51,6 +51,8 @@ class reqrep_server_impl final : public v1::reqrep_server::backend {
         bool reply_needed = false;
     };
 
+    void forget_former_server_at(v1::reqrep_server* rrs);
+
     // Intake and answers need the request alone, no backend: the handler may have replaced this one.
     static void enqueue_request(const std::string& topic, std::shared_ptr<request_impl> request,
                                 bool reply_needed, const payload_deserializer& deserializer,

@@ -56,6 +56,7 @@ class subscriber_impl final : public v1::subscriber::backend,
         std::shared_ptr<std::string> topic;
         std::shared_ptr<std::string> data;
         const handle_function* target;
+        std::uint64_t serial;  ///< tells it from a later one at the same address
     };
 
     /// A subscription that a message matches, by the keys to look it up again. The topic's bytes are those of
@@ -70,7 +71,9 @@ class subscriber_impl final : public v1::subscriber::backend,
     void remove_topic_reference(const std::string& topic);
 
     void subscription_handler();
+    void read_on() noexcept;
     void drain_socket();
+    void drain_socket_whatever_is_thrown() noexcept;
     bool input_waiting() const;
     void receive_message();
     void update_latency(std::int64_t timestamp_ms);

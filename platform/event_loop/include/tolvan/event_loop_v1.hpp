@@ -47,9 +47,10 @@ class event_loop_v1 {
     virtual ~event_loop_v1();
 
     /// Calls `callback` with the descriptor and `POLLIN` whenever the descriptor is readable, until
-    /// unwatched. A plain file counts as readable always. `reserved` must be 0. Throws std::invalid_argument
-    /// for another value, std::logic_error for a descriptor that is watched already, std::system_error for
-    /// one that is not open.
+    /// unwatched. A plain file counts as readable always. A watch is never called for an event of another
+    /// descriptor, also not when it was made in the turn of the loop in which the other's watch ended.
+    /// `reserved` must be 0. Throws std::invalid_argument for another value, std::logic_error for a
+    /// descriptor that is watched already, std::system_error for one that is not open.
     virtual void watch_fd(file_desc fd, int reserved,
                           std::function<void(file_desc, poll_events)> callback) = 0;
 

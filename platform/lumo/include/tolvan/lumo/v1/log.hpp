@@ -36,6 +36,14 @@ extern bool scrub_buffer;
 
 /// One log record. Points at its texts, which must outlive it.
 struct log_entry {
+    log_entry(level given_severity, const char* source_file, unsigned source_line, const char* function_name,
+              const char* message)
+        : severity(given_severity),
+          file(source_file),
+          line(source_line),
+          function(function_name),
+          text(message) {}
+
     level severity;
     const char* file;
     unsigned line;
@@ -65,7 +73,7 @@ bool log(level severity, const char* file, unsigned line, const char* function, 
     formatter.init(format);
     formatter.generate_output();
     if (detail::scrub_buffer) formatter.scrub_buffer();
-    log_entry{severity, file, line, function, formatter.text()}.write_to_sinks();
+    log_entry(severity, file, line, function, formatter.text()).write_to_sinks();
     return true;
 }
 

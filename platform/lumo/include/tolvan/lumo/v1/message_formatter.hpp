@@ -61,7 +61,9 @@ class message_formatter<> {
     /// Without arguments: copies the literal text and leaves placeholders as they stand.
     void generate_output();
 
-    /// Replaces control characters (00 to 1F and 7F) by "?", so that no text can forge a line of a log.
+    /// Replaces each control character by "?", so that no text can forge a line of a log or control a
+    /// terminal: C0 (00 to 1F), DEL (7F), C1 (U+0080 to U+009F) and bidi (U+202A to U+202E, U+2066 to
+    /// U+2069).
     void scrub_buffer();
 
     /// The message so far: at most 4095 bytes and a NUL. A text that did not fit ends with a whole character.
@@ -83,6 +85,7 @@ class message_formatter<> {
     void append(const char* bytes, std::size_t size);
     void advance(int written);
     void drop_cut_character();
+    void scrub_multibyte_controls();
     const char* take_placeholder(const char* opening);
 
     const char* position = nullptr;

@@ -12,7 +12,8 @@ struct conf_t {
     std::string pub_endpoint{};
     /// Where the process receives messages.
     std::string sub_endpoint{};
-    /// Whether the first publish waits, without limit, for a first subscription.
+    /// Whether the first publish waits, without limit, for a first subscription. A signal with a handler ends
+    /// the wait, and it is not repeated.
     bool block_on_first_publish = false;
 };
 

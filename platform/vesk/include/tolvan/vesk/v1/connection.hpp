@@ -21,6 +21,9 @@ class connection {
     ///
     /// A second connection replaces the backends of the first: their subscriptions and requests are gone.
     /// When it fails half-way, make another one: the backends of two connections do not work together.
+    ///
+    /// After a `fork` the bus belongs to the parent. The child may end, by `exit` too, or start another
+    /// program by `exec`; it must neither use the bus, nor connect, nor run the loop.
     connection(conf_t conf, std::shared_ptr<event_loop_v1> loop);
     ~connection();
 
@@ -51,8 +54,9 @@ class connection::impl {
 };
 
 /// Empties the backend slots, the one installed last first: outstanding requests and subscriptions end
-/// without a call. Runs by itself at the end of the process. What their callbacks have captured is destroyed
-/// meanwhile; a destructor that publishes finds no backend then, and must not let that exception out.
+/// without a call. Runs by itself at the end of the process that has connected, not at that of a forked
+/// child. What their callbacks have captured is destroyed meanwhile; a destructor that publishes finds no
+/// backend then, and must not let that exception out.
 void release_backends();
 
 }  // namespace tolvan::vesk::v1

@@ -15,9 +15,10 @@ class publisher {
     publisher& operator=(const publisher&) = delete;
 
     /// Sends one message, on the event loop's thread. Of the topic, everything up to and including the first
-    /// ":" is for the log alone. Neither text may contain a NUL byte. Whether it arrives is not told: a
-    /// message that cannot be sent is logged and dropped. Throws std::logic_error without an installed
-    /// backend.
+    /// ":" appears nowhere, neither on the wire nor in the log; a topic that begins with "cts/" keeps the
+    /// data out of the log line of the publication. Neither text may contain a NUL byte. Whether it arrives
+    /// is not told: a message that cannot be sent is logged and dropped. Throws std::logic_error without an
+    /// installed backend.
     void publish(const std::string& topic, const std::string& data);
 };
 

@@ -63,7 +63,8 @@ class reqrep_server::request {
     explicit request(std::shared_ptr<request_impl_base> received);
 
     /// Sends `json`, one JSON value other than null. Throws bad_deserialization_source when it is not JSON,
-    /// std::logic_error without an installed backend.
+    /// std::length_error when it is nested deeper than 255 levels, std::logic_error without an installed
+    /// backend.
     void reply(const std::string& json) const;
 
     /// Sends a record as the reply.

@@ -1,0 +1,58 @@
+"""What a subscriber that has stopped reading costs the hub, and what the others notice of it."""
+
+import re
+import signal
+import unittest
+
+from end_to_end_test import DONE, EndToEndTest, metadata
+from hub_faults_test import is_sanitized, memory_and_descriptors
+
+BUDGET = 16 << 20  # the smallest
+OTHERS = 60  # messages between two for the stuck subscriber
+WINDOW = 500  # messages that the reading one may be behind
+
+
+class HubMemory(EndToEndTest):
+    def flood(self, hub, client, messages, data):
+        """Each for the stuck subscriber and, between 60 others, for the reading one; gives the hub's growth."""
+        before = most = memory_and_descriptors(hub)[0]
+        total = messages * (1 + OTHERS)
+        for number in range(total + WINDOW):
+            if number < total:
+                topic = "other" if number % (1 + OTHERS) else "stuck"
+                client.publish(f"{topic}.{number}", data if topic == "stuck" else "x" * 100, metadata())
+            if number >= WINDOW:
+                self.assertTrue(client.receive()[0].endswith(b".%d" % (number - WINDOW)), number)
+            if number % 1000 == 0:
+                most = max(most, memory_and_descriptors(hub)[0])
+        return (most - before) << 10
+
+    def stuck_between_others(self, messages, size):
+        hub = self.start_hub("--queue-bytes", str(BUDGET))
+        stuck = self.start_ready("sub", "stuck")
+        client = self.foreign_client()
+        client.subscribe("")
+        stuck.send_signal(signal.SIGSTOP)
+        growth = self.flood(hub, client, messages, "x" * size)
+        if not is_sanitized(hub):
+            self.assertLess(growth, 2 * BUDGET)
+        return hub, stuck
+
+    def test_64_kib_at_a_time_stay_within_the_budget_and_the_jam_is_told_once_with_the_process(self):
+        hub, stuck = self.stuck_between_others(1000, 65536)
+        told = re.findall("a subscriber does not keep up: messages for it are dropped, .*", hub.log)
+        self.assertEqual([line.split(": ")[-1] for line in told], [f"process {stuck.pid} (vesk)"])
+        stuck.send_signal(signal.SIGCONT)
+        client = self.foreign_client()
+        while not any(line.startswith("stuck.again") for line in stuck.output):
+            client.publish("stuck.again", "", metadata())
+            client.subscribe()  # one round through the hub
+        self.assertEqual(hub.end(signal.SIGTERM), DONE)
+
+    def test_100_bytes_do_not_hold_on_to_what_came_with_them(self):
+        hub, _ = self.stuck_between_others(3000, 100)
+        self.assertNotIn("does not keep up", hub.log)
+
+
+if __name__ == "__main__":
+    unittest.main()

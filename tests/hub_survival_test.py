@@ -1,0 +1,150 @@
+"""What a hub outlives: more connections than it has descriptors, a stderr that takes nothing; and whom it lets in."""
+
+import contextlib
+import os
+import pty
+import resource
+import select
+import signal
+import socket
+import termios
+import unittest
+
+import psutil
+
+from end_to_end_test import BIN, DONE, FAILED, PATIENCE, TIMED_OUT, EndToEndTest, await_that, metadata
+
+CROWD = 1100
+MEMBER, STRANGER, GROUP = 64001, 64002, 64003  # nobody has them
+
+
+def connected(endpoint):
+    if endpoint.startswith("tcp://"):
+        return socket.create_connection(("127.0.0.1", int(endpoint.rpartition(":")[2])), PATIENCE)
+    connection = socket.socket(socket.AF_UNIX)
+    connection.connect(endpoint.removeprefix("ipc://"))
+    connection.settimeout(PATIENCE)
+    return connection
+
+
+def is_served(connection):
+    """A hub greets at once; of a refused connection nothing but its end is heard."""
+    try:
+        return connection.recv(1) != b""
+    except ConnectionResetError:
+        return False
+
+
+def stop(fd):
+    """Nothing can be written to it any more."""
+    if os.isatty(fd):
+        return termios.tcflow(fd, termios.TCOOFF)
+    os.set_blocking(fd, False)
+    with contextlib.suppress(BlockingIOError):
+        while os.write(fd, b"-" * 1024):
+            pass
+    os.set_blocking(fd, True)
+
+
+def await_text(fd, text):
+    got = bytearray()
+
+    def has_come():
+        if select.select([fd], [], [], 0)[0]:
+            got.extend(os.read(fd, 1 << 16))
+        return text in got
+
+    await_that(has_come)
+
+
+class Descriptors(EndToEndTest):
+    def start_with(self, limit, *endpoints):
+        options = zip(("--pub-endpoint", "--sub-endpoint"), endpoints)
+        return self.start("/usr/bin/prlimit", f"--nofile={limit}:{limit}", BIN / "vesk", "hub", *sum(options, ()))
+
+    def outlive_a_crowd(self, hub):
+        self.endpoints = hub.await_line("bound to (.*) and (.*)").groups()
+        room = int(hub.await_line(r"room for (\d+) connections").group(1))
+        old = self.foreign_client("tick")
+        crowd, served = [], 0
+        for _ in range(CROWD):
+            crowd.append(connected(self.endpoints[1]))
+            served += is_served(crowd[-1])
+        self.assertEqual(served, room - 2)
+        hub.await_line(r"refused \d+ connections for want of descriptors")
+        old.publish("tick", "in the crowd", metadata())
+        self.assertEqual(old.receive()[1], b"in the crowd")
+        await_that(lambda: psutil.Process(hub.pid).cpu_percent(interval=0.1) == 0, hub)  # never when it spins
+        for connection in crowd:
+            connection.close()
+        new = self.foreign_client("tock")  # which waits until it is served
+        for client in (old, new):
+            client.context.destroy(linger=0)
+        self.assertEqual(hub.end(signal.SIGTERM), DONE)
+
+    def test_that_run_out_cost_it_only_the_connections_beyond_them(self):
+        hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+        resource.setrlimit(resource.RLIMIT_NOFILE, (min(hard, 4 * CROWD), hard))
+        for limit in (64, 256):
+            for endpoints in ([f"ipc://{self.folder}/{limit}{side}" for side in "ps"], ["tcp://127.0.0.1:*"] * 2):
+                self.outlive_a_crowd(self.start_with(limit, *endpoints))
+        self.assert_ends(self.start_with(16), FAILED, "descriptors (ulimit -n), and here it is 16")
+
+
+class Stderr(EndToEndTest):
+    def start_with(self, stderr):
+        hub = self.vesk("hub", "--stats", "0.01", stderr=stderr)
+        self.foreign_client("t")
+        return hub
+
+    def assert_ends_in_order(self, hub):
+        self.assertEqual(hub.end(signal.SIGHUP), DONE)
+        self.assertEqual(os.listdir(self.folder), [])
+
+    def test_that_takes_nothing_neither_holds_it_nor_its_end_and_is_told_later_what_was_missed(self):
+        sockets = [end.detach() for end in socket.socketpair()]
+        for read, write in (os.pipe(), sockets, pty.openpty()):
+            stop(write)
+            hub = self.start_with(write)
+            self.assertTrue(os.get_blocking(write), "these flags are everybody's")
+            if os.isatty(write):
+                termios.tcflow(write, termios.TCOON)
+            await_text(read, b"messages are missing here")
+            stop(write)
+            self.assert_ends_in_order(hub)
+
+    def test_whose_reader_has_gone_does_not_end_it(self):
+        read, write = os.pipe()
+        os.close(read)
+        self.assert_ends_in_order(self.start_with(write))
+
+
+@unittest.skipIf(os.geteuid() != 0, "only root can be several users")
+class Group(EndToEndTest):
+    def vesk_as(self, user, *arguments, **options):
+        groups = f"--groups={GROUP}" if user == MEMBER else "--clear-groups"
+        return self.start("/usr/bin/setpriv", f"--reuid={user}", f"--regid={user}", groups, BIN / "vesk", *arguments,
+                          **options)
+
+    def test_members_reach_the_hub_of_a_shared_folder_and_strangers_do_not(self):
+        os.chmod(self.folder, 0o711)
+        if self.vesk_as(MEMBER, "--version").end() != DONE:
+            self.skipTest("other users cannot run the programs here")
+        shared = self.bare | {"XDG_RUNTIME_DIR": str(self.folder)}
+        named = self.bare | {f"VESK_{side}_ENDPOINT": f"ipc://{self.folder}/vesk/{side.lower()}"
+                             for side in ("PUB", "SUB")}
+        self.start_hub("--ipc-group", str(GROUP), environment=shared)
+        for user, environment, status in ((MEMBER, shared, DONE), (MEMBER, named, DONE), (STRANGER, shared, FAILED),
+                                          (STRANGER, named, TIMED_OUT)):
+            pub = self.vesk_as(user, "pub", "t", "d", "--timeout", "20" if status == DONE else "0.3",
+                               environment=environment)
+            self.assertEqual(pub.end(), status, pub.log)
+        os.chmod(self.folder / "vesk", 0o770)
+        self.assert_ends(self.vesk_as(MEMBER, "pub", "t", "d", environment=shared), FAILED, "is not a folder that")
+        self.assert_ends(self.vesk("hub", "--ipc-group", "no such"), FAILED, "there is no group no such")
+        self.assert_ends(self.vesk_as(STRANGER, "hub", "--ipc-group", str(GROUP)), FAILED,
+                         f"you are not in the group {GROUP}")
+
+
+if __name__ == "__main__":
+    unittest.main()
