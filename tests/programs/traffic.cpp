@@ -85,7 +85,8 @@ class traffic {
         counts[reply == nullptr ? "last_failed" : "last_answered"] = number;
         if (reply != nullptr) {
             ++counts["answered"];
-            counts["round_trips_us"] += (clock::now() - begun.mapped()) / std::chrono::microseconds(1);
+            counts["round_trips_us"] +=
+                static_cast<long>((clock::now() - begun.mapped()) / std::chrono::microseconds(1));
         }
         finish();
     }
