@@ -1,4 +1,4 @@
-#include "histogram.hpp"
+#include "bench/histogram.hpp"
 
 #include <gmock/gmock.h>
 

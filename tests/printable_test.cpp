@@ -1,4 +1,4 @@
-#include "printable.hpp"
+#include "terminal/printable.hpp"
 
 #include <gtest/gtest.h>
 

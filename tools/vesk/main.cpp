@@ -4,9 +4,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "commands.hpp"
+#include "commands/commands.hpp"
 #include "exit_code.hpp"
-#include "tell.hpp"
+#include "terminal/tell.hpp"
 
 namespace tolvan::vesk::tool {
 

@@ -1,0 +1,70 @@
+#include "bus/session.hpp"
+
+#include <array>
+
+#include <spdlog/sinks/stdout_color_sinks.h>
+#include <spdlog/spdlog.h>
+#include <unistd.h>
+
+#include "bus/bus_environment.hpp"
+#include "terminal/printable.hpp"
+
+namespace tolvan::vesk::tool {
+
+namespace {
+
+lumo::v1::sink_registration log_to_stderr(int level) {
+    const auto logger = spdlog::stderr_color_st("vesk");
+    logger->set_pattern("%H:%M:%S.%e %^%l%$ %v");
+    logger->set_level(spdlog::level::trace);
+    return lumo::v1::add_sink(level, [logger](const lumo::v1::log_entry& entry) {
+        static constexpr std::array shown_as = {spdlog::level::err, spdlog::level::warn, spdlog::level::info,
+                                                spdlog::level::debug};
+        logger->log(shown_as.at(static_cast<std::size_t>(entry.severity)), "{}:{} {}: {}", entry.file,
+                    entry.line, entry.function, shown_on(STDERR_FILENO, entry.text));
+    });
+}
+
+v1::conf_t configuration(const common_options& common) {
+    prepare_environment(common);
+    check_environment();
+    v1::conf_t conf;
+    conf.pub_endpoint = common.pub_endpoint;
+    conf.sub_endpoint = common.sub_endpoint;
+    return conf;
+}
+
+}  // namespace
+
+session::session(const common_options& common, int code_on_signal)
+    : log(log_to_stderr(common.log_level)), connection(configuration(common), events) {
+    events->watch_fd({signals.descriptor()}, 0,
+                     [this, code_on_signal](auto, auto) { finish(code_on_signal); });
+}
+
+int session::run() {
+    events->run();
+    return status;
+}
+
+void session::finish(int code) {
+    if (finished) return;
+    finished = true;
+    status = code;
+    events->stop();
+}
+
+void session::finish(int code, const std::string& reason) {
+    if (!finished) tell(reason);
+    finish(code);
+}
+
+session::timer session::after(milliseconds delay, std::function<void()> callback) {
+    return events->create_timer("vesk tool", delay, milliseconds(0), std::move(callback));
+}
+
+session::timer session::after(seconds delay, std::function<void()> callback) {
+    return after(std::chrono::ceil<milliseconds>(delay), std::move(callback));
+}
+
+}  // namespace tolvan::vesk::tool

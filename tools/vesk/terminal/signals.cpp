@@ -1,0 +1,41 @@
+#include "terminal/signals.hpp"
+
+#include <cerrno>
+#include <csignal>
+#include <system_error>
+
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+namespace tolvan::vesk::tool {
+
+namespace {
+
+bool is_ignored(int number) {
+    struct sigaction action {};
+    return ::sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
+}  // namespace
+
+termination_signals::termination_signals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    if (!is_ignored(SIGHUP)) sigaddset(&signals, SIGHUP);
+    ::sigprocmask(SIG_BLOCK, &signals, nullptr);
+    fd = ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (fd < 0) throw std::system_error(errno, std::generic_category(), "signalfd");
+}
+
+termination_signals::~termination_signals() {
+    ::close(fd);
+}
+
+void ignore_signals_about_output() {
+    ::signal(SIGPIPE, SIG_IGN);
+    ::signal(SIGTTOU, SIG_IGN);
+}
+
+}  // namespace tolvan::vesk::tool
