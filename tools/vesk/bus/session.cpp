@@ -37,34 +37,8 @@ v1::conf_t configuration(const common_options& common) {
 }  // namespace
 
 session::session(const common_options& common, int code_on_signal)
-    : log(log_to_stderr(common.log_level)), connection(configuration(common), events) {
-    events->watch_fd({signals.descriptor()}, 0,
-                     [this, code_on_signal](auto, auto) { finish(code_on_signal); });
-}
-
-int session::run() {
-    events->run();
-    return status;
-}
-
-void session::finish(int code) {
-    if (finished) return;
-    finished = true;
-    status = code;
-    events->stop();
-}
-
-void session::finish(int code, const std::string& reason) {
-    if (!finished) tell(reason);
-    finish(code);
-}
-
-session::timer session::after(milliseconds delay, std::function<void()> callback) {
-    return events->create_timer("vesk tool", delay, milliseconds(0), std::move(callback));
-}
-
-session::timer session::after(seconds delay, std::function<void()> callback) {
-    return after(std::chrono::ceil<milliseconds>(delay), std::move(callback));
-}
+    : event_process(code_on_signal),
+      log(log_to_stderr(common.log_level)),
+      connection(configuration(common), shared_loop()) {}
 
 }  // namespace tolvan::vesk::tool
