@@ -1,69 +1,73 @@
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <memory>
 #include <optional>
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <zmq.h>
+#include <zmq.hpp>
+#include <zmq_addon.hpp>
 
 #include "tolvan/relay/hub.hpp"
 
 namespace {
 
-using testing::AllOf, testing::AnyOf, testing::Contains, testing::Ge, testing::HasSubstr, testing::Lt,
-    testing::StartsWith, testing::UnorderedElementsAre, testing::UnorderedElementsAreArray;
+using namespace testing;
 using tolvan::relay::hub;
+using event = hub::report::event;
 using frames = std::vector<std::string>;
 
 /// A publisher or a subscriber: a plain socket with a context of its own, as in another process.
 struct peer {
-    peer(int type, const std::string& endpoint)
-        : context(zmq_ctx_new(), zmq_ctx_term), socket(zmq_socket(context.get(), type), zmq_close) {
-        set(ZMQ_LINGER, 0);
-        set(ZMQ_SNDHWM, 0);
-        EXPECT_EQ(zmq_connect(socket.get(), endpoint.c_str()), 0);
+    peer(zmq::socket_type type, const std::string& endpoint) : socket(context, type) {
+        socket.set(zmq::sockopt::linger, 0);
+        socket.set(zmq::sockopt::sndhwm, 0);
+        socket.connect(endpoint);
     }
-    void set(int option, int value) { zmq_setsockopt(socket.get(), option, &value, sizeof value); }
     void send(const frames& message) {
-        for (const auto& frame : message)
-            zmq_send(socket.get(), frame.data(), frame.size(), &frame == &message.back() ? 0 : ZMQ_SNDMORE);
+        zmq::multipart_t parts;
+        for (const auto& frame : message) parts.addstr(frame);
+        parts.send(socket);
     }
     /// The next message; empty when none comes in time, for which only a failing test waits so long.
     frames receive(int wait_ms = 30'000) {
-        set(ZMQ_RCVTIMEO, wait_ms);
+        socket.set(zmq::sockopt::rcvtimeo, wait_ms);
+        zmq::multipart_t parts;
+        parts.recv(socket);
         frames message;
-        zmq_msg_t frame;
-        zmq_msg_init(&frame);
-        while ((message.empty() || zmq_msg_more(&frame)) && zmq_msg_recv(&frame, socket.get(), 0) != -1)
-            message.emplace_back(static_cast<char*>(zmq_msg_data(&frame)), zmq_msg_size(&frame));
-        zmq_msg_close(&frame);
+        for (const auto& part : parts) message.push_back(part.to_string());
         return message;
     }
 
-    std::unique_ptr<void, int (*)(void*)> context, socket;
+    zmq::context_t context;
+    zmq::socket_t socket;
 };
 
 /// A publisher and a subscriber that reach each other through a hub.
 struct road {
     explicit road(const hub& relay, const std::string& prefix = "")
-        : publisher(ZMQ_XPUB, relay.pub_endpoint()), subscriber(ZMQ_SUB, relay.sub_endpoint()) {
+        : publisher(zmq::socket_type::xpub, relay.pub_endpoint()),
+          subscriber(zmq::socket_type::sub, relay.sub_endpoint()) {
         for (const auto& text : {prefix, std::string("probe")})
-            zmq_setsockopt(subscriber.socket.get(), ZMQ_SUBSCRIBE, text.data(), text.size());
+            subscriber.socket.set(zmq::sockopt::subscribe, text);
         prove();
     }
     /// Sends probes until one gets through, and reads them all.
     void prove() {
-        for (int tries = 0; subscriber.receive(10).empty() && tries < 3000; ++tries)
-            publisher.send({"probe"});
-        publisher.send({"probe", "last"});
         frames got;
-        while ((got = subscriber.receive()) == frames{"probe"}) continue;
-        EXPECT_EQ(got, (frames{"probe", "last"})) << "the hub does not relay";
+        for (int tries = 0; got.empty() && tries < 3000; ++tries) {
+            publisher.send({"probe"});
+            got = subscriber.receive(10);
+        }
+        publisher.send({"probe", "last"});
+        while (got == frames{"probe"}) got = subscriber.receive();
+        EXPECT_TRUE(got == (frames{"probe", "last"})) << "the hub relays nothing, or more than it should";
     }
 
     peer publisher, subscriber;
@@ -86,13 +90,14 @@ std::string this_process() {
 }
 
 /// Of whom the hub reports that; waits until it has reported so many.
-frames peers_of(hub& relay, hub::report::event event, std::size_t least = 0) {
+frames peers_of(hub& relay, event wanted, std::size_t least = 0) {
     frames peers;
+    pollfd reports{relay.report_descriptor(), POLLIN, 0};
     do {
-        for (const auto& report : relay.take_reports())
-            if (report.what == event) peers.push_back(report.peer);
-        std::this_thread::yield();
-    } while (peers.size() < least);
+        EXPECT_EQ(poll(&reports, 1, 10'000), 1) << "no report waits";
+        for (const auto& [what, publisher, peer] : relay.take_reports())
+            if (what == wanted) peers.push_back((publisher ? "publisher " : "subscriber ") + peer);
+    } while (peers.size() < least && reports.revents != 0);
     return peers;
 }
 
@@ -148,7 +153,7 @@ TEST_F(relay_hub, drops_for_a_subscriber_that_does_not_keep_up_alone_tells_it_on
         ASSERT_EQ(i < 100 ? "" : reading.subscriber.receive().at(1), i < 100 ? "" : std::to_string(i - 100));
     }
     EXPECT_EQ(relay.read_counters().jams, 1U);
-    EXPECT_EQ(peers_of(relay, hub::report::event::jammed), frames{this_process()});
+    EXPECT_EQ(peers_of(relay, event::jammed), frames{"subscriber " + this_process()});
     int kept = 0;
     for (frames got; (got = stuck.subscriber.receive(100)) != frames{};) {
         if (got[0] != "t") continue;
@@ -167,6 +172,7 @@ TEST_F(relay_hub, passes_on_or_drops_messages_of_many_frames_as_a_whole) {
         ASSERT_EQ(reading.subscriber.receive(), message);
     }
     EXPECT_GE(relay.read_counters().jams, 1U);
+    EXPECT_EQ(peers_of(relay, event::disconnected, 1), frames{"subscriber " + this_process()}) << "is cut";
     for (frames got; (got = stuck.subscriber.receive(100)) != frames{};) {
         if (got[0] == "probe") continue;
         ASSERT_EQ(got, message);
@@ -176,29 +182,48 @@ TEST_F(relay_hub, passes_on_or_drops_messages_of_many_frames_as_a_whole) {
 
 TEST_F(relay_hub, tells_who_comes_who_goes_and_who_is_refused) {
     hub relay({ipc("pub"), loopback.sub_endpoint});
+    std::optional<peer> more(std::in_place, zmq::socket_type::xpub, relay.pub_endpoint());
+    more->receive();
     std::optional<road> peers(std::in_place, relay);
-    EXPECT_EQ(relay.read_counters().publishers, 1U);
+    EXPECT_EQ(relay.read_counters().publishers, 2U);
     EXPECT_EQ(relay.read_counters().subscribers, 1U);
-    const auto connected = peers_of(relay, hub::report::event::connected);
-    EXPECT_THAT(connected, UnorderedElementsAre(this_process(), StartsWith("127.0.0.1:")));
-    peers.reset();
-    EXPECT_THAT(peers_of(relay, hub::report::event::disconnected, 2), UnorderedElementsAreArray(connected));
+    const auto connected = peers_of(relay, event::connected);
+    const std::string publisher = "publisher " + this_process(), loopback_peer = "subscriber 127.0.0.1:";
+    EXPECT_THAT(connected, UnorderedElementsAre(publisher, publisher, StartsWith(loopback_peer)));
+    std::optional<peer> stranger(std::in_place, zmq::socket_type::push, relay.sub_endpoint());
+    EXPECT_THAT(peers_of(relay, event::refused, 1),
+                Contains(AnyOf(StartsWith(loopback_peer), "subscriber a peer that left at once")));
+    stranger.reset(), more.reset(), peers.reset();
     while (relay.read_counters().publishers + relay.read_counters().subscribers > 0)
         std::this_thread::yield();
-    const peer stranger(ZMQ_PUSH, relay.sub_endpoint());
-    EXPECT_THAT(peers_of(relay, hub::report::event::refused, 1),
-                Contains(AnyOf(StartsWith("127.0.0.1:"), "a peer that left at once")));
+    EXPECT_THAT(peers_of(relay, event::disconnected), IsSupersetOf(connected));
+    pollfd reports{relay.report_descriptor(), POLLIN, 0};
+    EXPECT_EQ(poll(&reports, 1, 0), 0);
+    EXPECT_EQ(relay.take_reports().size(), 0U) << "each was given once";
+}
+
+TEST_F(relay_hub, takes_no_signals_and_hands_no_descriptor_on_to_programs_that_are_started) {
+    const auto inheritable = [] {
+        int count = 0;
+        for (int number = 0; number < 1024; ++number) count += fcntl(number, F_GETFD) == 0;
+        return count;
+    };
+    const auto before = inheritable();
+    const hub relay({ipc("pub"), loopback.sub_endpoint});
+    EXPECT_EQ(inheritable(), before);
+    sigset_t signals{};
+    sigaddset(&signals, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    kill(getpid(), SIGUSR1);
+    int waiting = 0;
+    EXPECT_EQ(sigwait(&signals, &waiting), 0);
 }
 
 TEST_F(relay_hub, refuses_a_queue_that_the_largest_message_would_not_fit_into) {
+    const auto given = [&](auto bytes) { return refusal_of({ipc("pub"), ipc("sub"), false, {}, bytes}); };
     for (const auto bytes : {hub::largest_message - 1, hub::most_queue_bytes + 1})
-        EXPECT_THAT(
-            refusal_of({.pub_endpoint = ipc("pub"), .sub_endpoint = ipc("sub"), .queue_bytes = bytes}),
-            HasSubstr(std::to_string(bytes)));
-    EXPECT_EQ(
-        refusal_of(
-            {.pub_endpoint = ipc("pub"), .sub_endpoint = ipc("sub"), .queue_bytes = hub::most_queue_bytes}),
-        "accepted");
+        EXPECT_THAT(given(bytes), HasSubstr(std::to_string(bytes)));
+    EXPECT_EQ(given(hub::most_queue_bytes), "accepted");
 }
 
 TEST_F(relay_hub, names_the_endpoint_and_the_reason_when_it_refuses_one_and_leaves_the_holder_alone) {
@@ -207,6 +232,7 @@ TEST_F(relay_hub, names_the_endpoint_and_the_reason_when_it_refuses_one_and_leav
     chmod(open_folder.c_str(), 0750);
     std::filesystem::create_directory_symlink(folder, open_folder + "/link");
     std::ofstream(folder + "/file") << "precious";
+    std::filesystem::create_symlink("file", folder + "/linked.lock");
     hub holder({"tcp://127.0.0.1:*", ipc("held")});
     const auto files_before = files();
     const std::map<std::string, frames> refused_for{
@@ -222,6 +248,7 @@ TEST_F(relay_hub, names_the_endpoint_and_the_reason_when_it_refuses_one_and_leav
         {"folder /tmp ", {"ipc:///tmp/socket"}},
         {"not a folder", {ipc("open/link/socket")}},
         {"not a socket", {ipc("file")}},
+        {"cannot open lock file", {ipc("linked")}},
         {"Address already in use", {holder.pub_endpoint()}},
         {"another hub holds it", {holder.sub_endpoint()}},
         {"it is the publishing endpoint too", {ipc("other"), ipc("no/../other"), ipc("open/link/other")}},
@@ -278,8 +305,8 @@ TEST_F(relay_hub, makes_folders_and_sockets_that_its_owner_and_the_group_can_use
 TEST_F(relay_hub, accepts_every_kind_of_local_endpoint_and_remote_ones_when_allowed) {
     EXPECT_EQ(refusal_of({"tcp://localhost:*", "tcp://127.1.2.3:*"}), "accepted");
     EXPECT_EQ(refusal_of({"ipc://@" + folder, "tcp://0.0.0.0:*", true}), "accepted");
-    const auto ipv6 = refusal_of({ipc("made/pub"), "tcp://[::1]:*"});
-    EXPECT_EQ(ipv6.find("loopback"), std::string::npos) << "a machine may be without IPv6, but: " << ipv6;
+    EXPECT_THAT(refusal_of({ipc("made/pub"), "tcp://[::1]:*"}),
+                AnyOf("accepted", HasSubstr("Cannot assign"), HasSubstr("family not supported")));
     const auto elsewhere = std::filesystem::current_path();
     std::filesystem::current_path(folder);
     EXPECT_EQ(hub({"ipc://relative/pub", loopback.sub_endpoint}).pub_endpoint(), ipc("relative/pub"));
