@@ -19,16 +19,13 @@ using vesk::v1::reqrep_client;
 using vesk::v1::reqrep_server;
 using vesk::v1::subscriber;
 
-/// The callbacks that the bus calls.
-enum class place { notify, handle, command, on_ack, on_reply, on_nack, on_time_out };
-
 using names = std::set<std::string>;
 
-/// A process with all kinds of bus objects. One of its callbacks acts, once.
+/// A process with all kinds of bus objects.
 struct application : whole_bus {
-    using whole_bus::initialize, whole_bus::loop;
+    using whole_bus::initialize;
 
-    application(place given, const std::function<void(application&)>& act, bool then_throws) : tested(given) {
+    application() {
         hear("listener", *listener, "news");
         hear("bystander", *bystander, "news");
         hear("published", *bystander, "aside");
@@ -37,49 +34,38 @@ struct application : whole_bus {
         for (auto* each : {&*server, &*other_server}) register_echo(*each, "echo");
         register_command(*server, "refuse", [](const auto&) { throw std::runtime_error("no"); });
         register_command(*server, "keep", [this](const auto& request) { kept = request; });
-        if (tested != place::command) kept_id = ask("kept", *client, "server", "keep");
-        settle();
-        trigger([this, act, then_throws, captured = std::string("lives until the callback has returned")] {
-            if (++entered > 1) return;
-            act(*this);
-            EXPECT_EQ("lives until the callback has returned", captured);
-            if (then_throws) throw std::runtime_error("thrown by the callback");
-        });
     }
     ~application() override { vesk::v1::release_backends(); }
     void TestBody() override {}
 
-    void trigger(const std::function<void()>& act) {
-        if (tested == place::notify)
+    /// Makes `act` the callback of that kind, and has it called.
+    void call_from(const std::string& place, const std::function<void()>& act) {
+        const auto request = [&](const char* target, const char* command, bool reply_needed) {
+            acting_id =
+                client->request(target, command, "1", reply_needed, [act](auto, const auto&) { act(); });
+        };
+        if (place == "command")
+            register_command(*server, "act", [this, act](const auto& asked) { kept = asked, act(); });
+        settle();
+        kept_id = ask("kept", *client, "server", place == "command" ? "act" : "keep");
+        settle();
+        if (place == "notify")
             listener->subscribe(
-                "news", [act](const auto&) { act(); }, heard("listener"));
-        if (tested == place::handle)
+                "news", [act](auto) { act(); }, heard("listener"));
+        if (place == "handle")
             listener->subscribe("news", nullptr, [act, note = heard("listener")](auto topic, auto data) {
                 note(topic, data);
                 act();
             });
-        if (tested == place::command) {
-            register_command(*server, "act", [this, act](const auto& request) { kept = request, act(); });
-            settle();
-            kept_id = ask("kept", *client, "server", "act");
-        }
+        if (place == "on_ack") request("server", "echo", false);
+        if (place == "on_reply") request("server", "echo", true);
+        if (place == "on_nack") request("server", "refuse", true);
+        if (place == "on_time_out") request("nobody", "any", true);
+        settle();
         hub.relay("news", "first");
-        request(act);
         settle();
-        if (tested == place::on_time_out) advance(15'000);
+        advance(15'000);
         settle();
-    }
-
-    /// The request whose end is the tested callback.
-    void request(const std::function<void()>& act) {
-        static const std::map<place, std::pair<const char*, const char*>> requests = {
-            {place::on_ack, {"server", "echo"}},
-            {place::on_reply, {"server", "echo"}},
-            {place::on_nack, {"server", "refuse"}},
-            {place::on_time_out, {"nobody", "any"}}};
-        if (const auto made = requests.find(tested); made != requests.end())
-            acting_id = client->request(made->second.first, made->second.second, "1", tested != place::on_ack,
-                                        [act](const auto*, const auto&) { act(); });
     }
 
     /// Uses everything once more and says what works, the bus for newcomers included.
@@ -154,88 +140,81 @@ struct application : whole_bus {
         } while (loop->clock < end);
     }
 
-    const place tested;
-    int entered = 0;
     names works;
     std::map<std::string, int> ends;  ///< of requests, by name
 
     std::optional<subscriber> listener{std::in_place}, bystander{std::in_place};
     std::optional<reqrep_client> client{std::in_place}, other_client{std::in_place};
     std::optional<reqrep_server> server{std::in_place}, other_server{std::in_place};
-    std::optional<reqrep_server::request> kept;  ///< for a command handler the request at hand
+    std::optional<reqrep_server::request> kept;  ///< in a command handler the request at hand
     unsigned short kept_id = 0;
     unsigned short acting_id = 0;
 };
 
-const names after_initialization = {"listener", "bystander", "server", "other server", "kept"};
+const texts after_initialization = {"-listener", "-bystander", "-server", "-other server", "-kept"};
 
 const struct {
     const char* name;
-    std::function<void(application&)> act;
-    names gained, lost;  ///< of what works afterwards
+    void (*act)(application&);
+    texts effects;  ///< on what works afterwards: "+NAME" does too, "-NAME" does not
 } actions[] = {
-    {"nothing", [](auto&) {}, {}, {}},
-    {"subscribe", [](auto& app) { app.hear("late", *app.listener, "late"); }, {"late"}, {}},
-    {"subscribe again", [](auto& app) { app.hear("again", *app.listener, "news"); }, {"again"}, {"listener"}},
-    {"revoke", [](auto& app) { app.listener->revoke_subscriptions(); }, {}, {"listener"}},
-    {"revoke the server's", [](auto& app) { app.server->revoke_subscriptions(); }, {}, {"server"}},
-    {"revoke another's", [](auto& app) { app.bystander->revoke_subscriptions(); }, {}, {"bystander"}},
-    {"publish", [](auto& app) { app.client->publish("aside", ""); }, {"published"}, {}},
-    {"request",
-     [](auto& app) { app.ask("requested", *app.client, "other server", "echo"); },
-     {"requested"},
-     {}},
-    {"cancel requests",
-     [](auto& app) {
-         for (const auto id : {app.kept_id, app.acting_id}) app.client->cancel_request(id);
-     },
-     {},
-     {"kept"}},
-    {"cancel all requests", [](auto& app) { app.client->cancel_all_requests(); }, {}, {"kept"}},
-    {"answer", [](auto& app) { app.kept->reply("1"); }, {"kept"}, {}},
-    {"answer twice",
-     [](auto& app) { app.kept->reply("1"), app.kept->fail(std::runtime_error("no")); },
-     {"kept"},
-     {}},
-    {"register a command", [](auto& app) { app.register_echo(*app.server, "added"); }, {"added command"}, {}},
-    {"register again", [](auto& app) { app.register_echo(*app.server, "act"); }, {"again"}, {}},
-    {"unregister", [](auto& app) { app.server->unset_all_handlers(); }, {}, {"server", "kept"}},
-    {"destroy the listener", [](auto& app) { app.listener.reset(); }, {}, {"listener"}},
-    {"destroy the client", [](auto& app) { app.client.reset(); }, {}, {"client", "kept"}},
-    {"destroy the server", [](auto& app) { app.server.reset(); }, {}, {"server", "kept"}},
+    {"nothing", [](auto&) {}, {}},
+    {"subscribe", [](auto& app) { app.hear("late", *app.listener, "late"); }, {"+late"}},
+    {"subscribe again", [](auto& app) { app.hear("again", *app.listener, "news"); }, {"+again", "-listener"}},
+    {"revoke", [](auto& app) { app.listener->revoke_subscriptions(); }, {"-listener"}},
+    {"revoke the server's", [](auto& app) { app.server->revoke_subscriptions(); }, {"-server"}},
+    {"revoke another's", [](auto& app) { app.bystander->revoke_subscriptions(); }, {"-bystander"}},
+    {"publish", [](auto& app) { app.client->publish("aside", ""); }, {"+published"}},
+    {"request", [](auto& app) { app.ask("asked", *app.client, "other server", "echo"); }, {"+asked"}},
+    {"cancel",
+     [](auto& app) { app.client->cancel_request(app.kept_id), app.client->cancel_request(app.acting_id); },
+     {"-kept"}},
+    {"cancel all", [](auto& app) { app.client->cancel_all_requests(); }, {"-kept"}},
+    {"answer", [](auto& app) { app.kept->reply("1"); }, {"+kept"}},
+    {"answer twice", [](auto& app) { app.kept->reply("1"), app.kept->reply("2"); }, {"+kept"}},
+    {"register a command", [](auto& app) { app.register_echo(*app.server, "added"); }, {"+added command"}},
+    {"register again", [](auto& app) { app.register_echo(*app.server, "act"); }, {"+again"}},
+    {"unregister", [](auto& app) { app.server->unset_all_handlers(); }, {"-server", "-kept"}},
+    {"destroy the listener", [](auto& app) { app.listener.reset(); }, {"-listener"}},
+    {"destroy the client", [](auto& app) { app.client.reset(); }, {"-client", "-kept"}},
+    {"destroy the server", [](auto& app) { app.server.reset(); }, {"-server", "-kept"}},
     {"destroy others",
      [](auto& app) { app.bystander.reset(), app.other_client.reset(), app.other_server.reset(); },
-     {},
-     {"bystander", "other server"}},
-    {"initialize again", [](auto& app) { app.initialize(); }, {}, after_initialization},
-    {"release the backends", [](auto&) { vesk::v1::release_backends(); }, {}, after_initialization},
+     {"-bystander", "-other server"}},
+    {"initialize again", [](auto& app) { app.initialize(); }, after_initialization},
+    {"release the backends", [](auto&) { vesk::v1::release_backends(); }, after_initialization},
 };
 
-class every_call : public testing::TestWithParam<place> {};
+class every_call : public testing::TestWithParam<std::string> {};
 
 TEST_P(every_call, may_be_made_from_inside_the_callback) {
-    for (const auto& [name, act, gained, lost] : actions)
+    for (const auto& [name, act, effects] : actions)
         for (const bool then_throws : {false, true}) {
             SCOPED_TRACE(std::string(name) + (then_throws ? ", then throw" : ""));
             names expected = {"listener", "bystander",    "client",       "kept",
                               "server",   "other server", "new listener", "new server"};
-            if (GetParam() == place::command && then_throws) expected.erase("kept");  // is a NACK
-            expected.insert(gained.begin(), gained.end());
-            for (const auto& gone : lost) expected.erase(gone);
-            application app(GetParam(), act, then_throws);
-            EXPECT_GT(app.entered, 0);
+            if (GetParam() == "command" && then_throws) expected.erase("kept");  // is a NACK
+            for (const auto& effect : effects) {
+                expected.erase(effect.substr(1));
+                if (effect[0] == '+') expected.insert(effect.substr(1));
+            }
+            application app;
+            int entered = 0;
+            app.call_from(GetParam(),
+                          [&, act = act, captured = std::string("lives until the callback has returned")] {
+                              if (++entered > 1) return;
+                              act(app);
+                              EXPECT_EQ("lives until the callback has returned", captured);
+                              if (then_throws) throw std::runtime_error("thrown by the callback");
+                          });
+            EXPECT_GT(entered, 0);
             EXPECT_EQ(expected, app.what_works());
         }
 }
 
-std::string name_of(const testing::TestParamInfo<place>& tested) {
-    const char* const all[] = {"notify", "handle", "command", "on_ack", "on_reply", "on_nack", "on_time_out"};
-    return all[static_cast<int>(tested.param)];
-}
-
 INSTANTIATE_TEST_SUITE_P(from, every_call,
-                         testing::Values(place::notify, place::handle, place::command, place::on_ack,
-                                         place::on_reply, place::on_nack, place::on_time_out),
-                         name_of);
+                         testing::Values("notify", "handle", "command", "on_ack", "on_reply", "on_nack",
+                                         "on_time_out"),
+                         [](const auto& tested) { return tested.param; });
 
 }  // namespace

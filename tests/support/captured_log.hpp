@@ -1,6 +1,5 @@
 #pragma once
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -16,8 +15,6 @@ class captured_log {
               lines.push_back(std::to_string(entry.severity) + " " + entry.file + " " + entry.function +
                               ": " + entry.text);
           })) {}
-
-    auto count(const std::string& line) const { return std::count(lines.begin(), lines.end(), line); }
 
     std::vector<std::string> lines;
 

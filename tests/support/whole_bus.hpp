@@ -22,6 +22,18 @@ namespace tolvan::test {
 
 using texts = std::vector<std::string>;
 
+/// A publisher backend that keeps what is published.
+class kept_publications : public vesk::v1::publisher::backend {
+  public:
+    void publish(vesk::v1::publisher*, const std::string& topic, const std::string& data) override {
+        on_publish();
+        messages.emplace_back(topic, data);
+    }
+
+    std::function<void()> on_publish = [] {};  ///< called by each publication, before it is kept
+    std::vector<std::pair<std::string, std::string>> messages;
+};
+
 /// All four backends over real sockets, with a clock set by hand and the test as the hub.
 class whole_bus : public testing::Test {
   protected:
@@ -63,15 +75,23 @@ class whole_bus : public testing::Test {
             "sentinel", [&](const auto&) { received = true; }, nullptr);
         settle();
         for (const auto& message : messages) hub.relay(message);
-        hub.relay("sentinel", "");
+        hub.relay({"sentinel", ""});
         loop->run_until([&] { return received; });
+        sentinel.revoke_subscriptions();
+        hub.await_filter(hub.removed("sentinel"));
     }
 
     /// Topic and data of the next message that was published.
     std::pair<std::string, std::string> published() {
         const frames message = hub.published();
-        return message.size() == 3 ? std::pair(message[0], message[1])
-                                   : std::pair<std::string, std::string>();
+        return {message.at(0), message.at(1)};
+    }
+
+    /// From now on publications do not go any further.
+    static std::shared_ptr<kept_publications> keep_publications() {
+        const auto kept = std::make_shared<kept_publications>();
+        vesk::v1::publisher::backend::instance = kept;
+        return kept;
     }
 
     /// The texts that were logged since the last call, of a level up to `most_verbose`.
@@ -85,23 +105,6 @@ class whole_bus : public testing::Test {
     hub_sides hub;
     std::shared_ptr<manual_event_loop> loop = std::make_shared<manual_event_loop>();
     captured_log log;
-};
-
-/// A publisher backend that keeps what is published, or refuses it.
-class kept_publications : public vesk::v1::publisher::backend {
-  public:
-    void publish(vesk::v1::publisher*, const std::string& topic, const std::string& data) override {
-        if (const auto act = std::exchange(on_publish, nullptr)) act();
-        if (refuse_with_int) throw 1;
-        if (refuse) throw std::runtime_error("refused");
-        if (keep) messages.emplace_back(topic, data);
-    }
-
-    std::function<void()> on_publish;  ///< called once, by the next publication
-    bool refuse = false;
-    bool refuse_with_int = false;
-    bool keep = true;
-    std::vector<std::pair<std::string, std::string>> messages;
 };
 
 /// "TYPE: TEXT" of an exception.
