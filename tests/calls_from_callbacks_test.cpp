@@ -1,11 +1,9 @@
 // Every call of the bus from inside every kind of callback, once with a callback that returns and once with
 // one that throws. What must hold afterwards: the callback's captures have lived until it returned, the call
 // has had its effect, everything that it did not touch works, and no request has ended twice.
-#include <functional>
 #include <map>
 #include <optional>
 #include <set>
-#include <string>
 
 #include <gmock/gmock.h>
 
@@ -134,7 +132,7 @@ struct application : whole_bus {
         const auto end = loop->clock + event_loop_v1::milliseconds(ms);
         do {
             try {
-                loop->advance(end - loop->clock);
+                loop->advance((end - loop->clock).count());
             } catch (const std::runtime_error&) {  // so does what a request callback throws on a time-out
             }
         } while (loop->clock < end);

@@ -1,24 +1,15 @@
 // The road from an application to the backends: library, factory, initialize, slots.
 #include <cstdlib>
-#include <stdexcept>
 #include <tuple>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <tolvan/asio_event_loop.hpp>
-#include <tolvan/vesk/hub/publisher_impl.hpp>
-#include <tolvan/vesk/hub/subscriber_impl.hpp>
-#include <tolvan/vesk/hub/zmq_types.hpp>
 #include <tolvan/vesk/v1/connection.hpp>
-#include <tolvan/vesk/v1/reqrep_client.hpp>
-#include <tolvan/vesk/v1/reqrep_server.hpp>
 
-#include "support/captured_log.hpp"
-#include "support/hub_sides.hpp"
-#include "support/manual_event_loop.hpp"
+#include "support/whole_bus.hpp"
 
 namespace {
 
@@ -30,10 +21,8 @@ using vesk::v1::connection;
 using vesk::v1::publisher;
 using vesk::v1::subscriber;
 
-class a_connection : public testing::Test {
+class a_connection : public test::whole_bus {
   protected:
-    ~a_connection() override { vesk::v1::release_backends(); }
-
     // Connects and returns the text of the failure.
     std::string failure_of(const conf_t& conf) {
         try {
@@ -51,9 +40,6 @@ class a_connection : public testing::Test {
                           vesk::v1::reqrep_client::backend::instance,
                           vesk::v1::reqrep_server::backend::instance);
     }
-
-    test::hub_sides hub;
-    std::shared_ptr<test::manual_event_loop> loop = std::make_shared<test::manual_event_loop>();
 };
 
 TEST_F(a_connection, carries_messages_of_both_directions_also_after_the_object_is_gone) {
@@ -63,10 +49,10 @@ TEST_F(a_connection, carries_messages_of_both_directions_also_after_the_object_i
     { connection(waiting, loop).set_service_name("any"); }
     EXPECT_STREQ("false", std::getenv("ZSYS_SIGHANDLER"));
     hub.meet_publisher();
-    const test::captured_log log;
+    logged();
     publisher().publish("svc:a", "waits for the hub");
-    EXPECT_THAT(log.lines.at(0), HasSubstr("doing a blocking receive"));
-    EXPECT_EQ("waits for the hub", hub.published().at(1));
+    EXPECT_THAT(logged().at(0), HasSubstr("doing a blocking receive"));
+    EXPECT_EQ("waits for the hub", published().second);
 
     subscriber receiver;
     std::string received;
@@ -78,7 +64,6 @@ TEST_F(a_connection, carries_messages_of_both_directions_also_after_the_object_i
 }
 
 TEST_F(a_connection, that_fails_leaves_what_was_installed_before) {
-    const connection first(conf(), loop);
     const auto before = slots();
     const std::string incomplete = "incomplete configuration provided for hub-based configuration";
     EXPECT_EQ(incomplete, failure_of({.pub_endpoint = "", .sub_endpoint = "inproc://x"}));
@@ -95,7 +80,6 @@ TEST_F(a_connection, that_fails_leaves_what_was_installed_before) {
 }
 
 TEST_F(a_connection, that_is_made_again_replaces_and_destroys_the_backends_in_the_order_of_their_needs) {
-    const connection first(conf(), loop);
     const auto weak = [](const auto&... slot) { return std::tuple(std::weak_ptr(slot)...); };
     const auto old = std::apply(weak, slots());
     const connection second(conf(), loop);
@@ -135,6 +119,7 @@ TEST_F(a_connection, to_a_missing_library_or_one_without_the_factory_names_both)
 }
 
 TEST_F(a_connection, is_needed_to_use_a_bus_object_but_not_to_destroy_one) {
+    vesk::v1::release_backends();
     subscriber receiver;
     publisher sender;
     vesk::v1::reqrep_client client;

@@ -1,9 +1,4 @@
 #include <atomic>
-#include <chrono>
-#include <cstring>
-#include <memory>
-#include <stdexcept>
-#include <string>
 #include <thread>
 
 #include <czmq.h>
@@ -111,9 +106,7 @@ TEST(a_publisher_backend, told_to_wait_loses_nothing_although_the_hub_subscribes
     });
     while (waits == 0) std::this_thread::yield();
     hub.meet_publisher();
-    const auto first = hub.published();
-    if (first.empty()) publishing.detach();  // it may wait for ever
-    ASSERT_EQ("one", first.at(1));
+    EXPECT_EQ("one", hub.published().at(1));
     EXPECT_EQ("two", hub.published().at(1));
     EXPECT_EQ(1, waits);
 }

@@ -1,7 +1,6 @@
 #include <optional>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "support/whole_bus.hpp"
 

@@ -1,10 +1,6 @@
 #include <limits>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "support/allocations.hpp"
 #include "support/whole_bus.hpp"

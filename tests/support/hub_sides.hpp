@@ -1,14 +1,12 @@
 #pragma once
 
-#include <cstring>
-#include <initializer_list>
 #include <string>
 #include <vector>
 
-#include <czmq.h>
 #include <gtest/gtest.h>
 
 #include <tolvan/vesk/hub/hub_message.hpp>
+#include <tolvan/vesk/hub/zmq_types.hpp>
 
 namespace tolvan::test {
 
@@ -18,25 +16,16 @@ using frames = std::vector<std::string>;
 /// frame, and any message can be put before it.
 class hub_sides {
   public:
-    hub_sides()
-        : names(std::to_string(++instances)),
-          publishing(zsock_new(ZMQ_SUB)),
-          subscription(zsock_new(ZMQ_XPUB)) {
-        zsock_set_subscribe(publishing, "");
-        zsock_set_xpub_verbose(subscription,
-                               1);  // also shows a filter that an earlier library has left behind
-        for (zsock_t* side : {publishing, subscription}) {
+    hub_sides() {
+        zsock_set_subscribe(publishing.get(), "");
+        // Also shows a filter that an earlier library has left behind.
+        zsock_set_xpub_verbose(subscription.get(), 1);
+        for (zsock_t* side : {publishing.get(), subscription.get()}) {
             zsock_set_rcvtimeo(side, 20'000);
             zsock_set_sndhwm(side, 0);
         }
-        EXPECT_EQ(0, zsock_bind(publishing, "%s", pub_endpoint().c_str()));
-        EXPECT_EQ(0, zsock_bind(subscription, "%s", sub_endpoint().c_str()));
-    }
-    hub_sides(const hub_sides&) = delete;
-    hub_sides& operator=(const hub_sides&) = delete;
-    ~hub_sides() {
-        zsock_destroy(&publishing);
-        zsock_destroy(&subscription);
+        EXPECT_EQ(0, zsock_bind(publishing.get(), "%s", pub_endpoint().c_str()));
+        EXPECT_EQ(0, zsock_bind(subscription.get(), "%s", sub_endpoint().c_str()));
     }
 
     // With what a format would change.
@@ -45,21 +34,17 @@ class hub_sides {
 
     /// Lets the publishing side take note of a library that has connected, and subscribe there. Over inproc a
     /// socket does so only when it is asked something.
-    void meet_publisher() { zsock_events(publishing); }
+    void meet_publisher() { publishing.poll_events(); }
 
     /// The next message that the library has published.
-    frames published() { return receive(publishing); }
+    frames published() { return receive(publishing.get()); }
 
     /// The next filter that the library has set (byte 1, then the topic) or removed (byte 0, then the topic).
-    std::string filter() {
-        const frames received = receive(subscription);
-        return received.empty() ? "nothing" : received.front();
-    }
+    std::string filter() { return receive(subscription.get()).front(); }
 
     /// Waits for that filter; passes over others.
     void await_filter(const std::string& wanted) {
-        for (std::string next = filter(); next != wanted && next != "nothing"; next = filter()) {
-        }
+        while (filter() != wanted) continue;
     }
 
     /// What `filter` gives for a topic that was subscribed to, or not any more.
@@ -70,7 +55,7 @@ class hub_sides {
     void relay(const frames& message) {
         zmsg_t* sent = zmsg_new();
         for (const auto& frame : message) zmsg_addmem(sent, frame.data(), frame.size());
-        EXPECT_EQ(0, zmsg_send(&sent, subscription));
+        EXPECT_EQ(0, zmsg_send(&sent, subscription.get()));
     }
 
     /// Sends a message as another process would publish it.
@@ -80,10 +65,10 @@ class hub_sides {
 
     /// Passes on whatever the library has published to what has subscribed to it, as a hub does.
     void forward() {
-        zsock_events(subscription);  // takes note of new filters
-        while ((zsock_events(publishing) & ZMQ_POLLIN) != 0) {
-            zmsg_t* message = zmsg_recv(publishing);
-            EXPECT_EQ(0, zmsg_send(&message, subscription));
+        subscription.poll_events();  // takes note of new filters
+        while ((publishing.poll_events().bits & ZMQ_POLLIN) != 0) {
+            zmsg_t* message = zmsg_recv(publishing.get());
+            EXPECT_EQ(0, zmsg_send(&message, subscription.get()));
         }
     }
 
@@ -94,19 +79,17 @@ class hub_sides {
 
   private:
     static frames receive(zsock_t* side) {
+        const vesk::hub::message_ptr message(zmsg_recv(side));
+        if (!message) throw std::runtime_error("nothing came");
         frames received;
-        zmsg_t* message = zmsg_recv(side);
-        EXPECT_NE(nullptr, message) << "nothing came";
-        for (zframe_t* frame = message ? zmsg_first(message) : nullptr; frame; frame = zmsg_next(message))
+        for (auto* frame = zmsg_first(message.get()); frame; frame = zmsg_next(message.get()))
             received.emplace_back(reinterpret_cast<const char*>(zframe_data(frame)), zframe_size(frame));
-        zmsg_destroy(&message);
         return received;
     }
 
     static inline int instances = 0;
-    const std::string names;
-    zsock_t* publishing;
-    zsock_t* subscription;
+    const std::string names = std::to_string(++instances);
+    vesk::hub::socket publishing{ZMQ_SUB}, subscription{ZMQ_XPUB};
 };
 
 }  // namespace tolvan::test
