@@ -120,22 +120,23 @@ struct application : whole_bus {
     void settle() {
         for (int turn = 0; turn < 60; ++turn) {
             hub.forward();
-            try {
-                loop->poll_once(0);
-            } catch (const std::runtime_error&) {  // what a notify callback throws leaves the loop
-            }
+            whatever_is_thrown([&] { loop->poll_once(0); });
             advance(1);
         }
     }
 
     void advance(long long ms) {
-        const auto end = loop->clock + event_loop_v1::milliseconds(ms);
-        do {
-            try {
-                loop->advance((end - loop->clock).count());
-            } catch (const std::runtime_error&) {  // so does what a request callback throws on a time-out
-            }
-        } while (loop->clock < end);
+        const auto end = loop->clock.count() + ms;
+        do whatever_is_thrown([&] { loop->advance(end - loop->clock.count()); });
+        while (loop->clock.count() < end);
+    }
+
+    /// What notify callbacks throw, and request callbacks on a time-out, leaves the loop.
+    static void whatever_is_thrown(const std::function<void()>& step) {
+        try {
+            step();
+        } catch (const std::runtime_error&) {
+        }
     }
 
     names works;

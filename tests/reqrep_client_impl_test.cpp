@@ -49,7 +49,9 @@ class request : public test::whole_bus {
     }
 
     void answer(const std::string& topic, const std::string& text) {
-        relay(topic, text);
+        const auto before = log.lines.size();
+        hub.relay(topic, text);
+        loop->run_until([&] { return log.lines.size() > before; });
         loop->advance(1);
     }
 

@@ -38,19 +38,12 @@ class a_server : public test::whole_bus {
 
     // Relays a request and lets it be handled; gives what was published in answer.
     texts answers_to(const std::string& topic, const std::string& data) {
-        answers->messages.clear();
-        logged();
+        answers->topics.clear(), answers->texts.clear(), logged();
         const auto timers = loop->made_timers.size();
         hub.relay(topic, data);
         loop->run_until([&] { return loop->made_timers.size() > timers; });
         loop->advance(1);
-        return published_answers();
-    }
-
-    texts published_answers() const {
-        texts sent;
-        for (const auto& [topic, data] : answers->messages) sent.push_back(data);
-        return sent;
+        return answers->texts;
     }
 
     std::shared_ptr<test::kept_publications> answers = keep_publications();
@@ -61,7 +54,7 @@ TEST_F(a_server, acknowledges_a_request_before_its_handler_runs_and_answers_unti
     logged();
     std::optional<reqrep_server::request> kept;
     serve("get", [&](auto&& request, auto&& payload) {
-        EXPECT_EQ(texts{ack}, published_answers());
+        EXPECT_EQ(texts{ack}, answers->texts);
         kept = request;
         request.reply(payload.to_string());
     });
@@ -70,7 +63,7 @@ TEST_F(a_server, acknowledges_a_request_before_its_handler_runs_and_answers_unti
     const std::string payload = R"({"b":18446744073709551615,"a":[1,2]})";
     EXPECT_EQ((texts{ack, "{\"payload\":" + payload + "}"}),
               answers_to("svc.get.more.dots", envelope(R"(, "payload": )" + payload + "}")));
-    EXPECT_EQ("client.reply.1", answers->messages[0].first);
+    EXPECT_EQ("client.reply.1", answers->topics[0]);
     const std::string road = " for reply topic=client.reply.1 and cmd=get.more.dots";
     EXPECT_EQ((texts{"3" + log_of +
                          "enqueue_request: server_id=svc received request with reply topic=client.reply.1",
@@ -82,7 +75,7 @@ TEST_F(a_server, acknowledges_a_request_before_its_handler_runs_and_answers_unti
     EXPECT_EQ(hub.removed("svc.get"), hub.filter());
     kept->reply("1");
     EXPECT_EQ(texts{gone}, logged());
-    EXPECT_EQ(2U, answers->messages.size());
+    EXPECT_EQ(2U, answers->texts.size());
     serve("get", nullptr);
     EXPECT_EQ(ack, answers_to("svc.get", envelope()).at(0)) << "registered afresh";
 }
@@ -91,8 +84,8 @@ TEST_F(a_server, answers_each_request_as_its_envelope_and_its_handler_say) {
     const std::string latin = "\xe9", needed = R"("replyNeeded": true)";
     const auto echo = [](auto&& request, auto&& payload) { request.reply(payload.to_string()); };
     serve("echo", echo);
-    serve(
-        "quiet", [](auto&& request, auto&&) { request.reply("1"); }, false);
+    const auto reply = [](auto&& request, auto&&) { request.reply("1"); };
+    serve("quiet", reply, false);
     server->set_command_handler("raw", true, nullptr, [](auto&&, auto payload) { EXPECT_FALSE(payload); });
     server->set_command_handler<std::string>("typed", true, [](auto&&, auto&&) { FAIL(); });
     serve("runtime", [](auto&&, auto&&) { throw std::runtime_error("text"); });
@@ -121,7 +114,6 @@ TEST_F(a_server, answers_each_request_as_its_envelope_and_its_handler_say) {
         {"int", asked, {ack, R"({"xWhat":"unknown exception"})"}, exception + "no more info available)"},
         {"empty", asked, {ack, failed_call}, exception + "St17bad_function_call): bad_function_call"},
         {"typed", with_1, {refused}, exception + decoding + "): "},
-        {"echo", "", {}, undecodable},
         {"echo", "null", {}, undecodable},
         {"echo", R"({"replyTopic": 1, )" + needed + "}", {}, undecodable},
         {"echo", R"({"replyTopic": "t"})", {}, undecodable},
@@ -139,7 +131,7 @@ TEST_F(a_server, answers_each_request_as_its_envelope_and_its_handler_say) {
     for (const std::string topic : {"", "a:b:c", "%s%n"}) {
         const std::string reply_topic = R"({"replyTopic": ")" + topic;
         EXPECT_EQ(2U, answers_to("svc.echo", reply_topic + R"(", "payload": 1, )" + needed + "}").size());
-        EXPECT_EQ(topic, answers->messages[0].first);
+        EXPECT_EQ(topic, answers->topics[0]);
     }
 }
 
@@ -173,18 +165,18 @@ TEST_F(a_server, nacks_what_was_not_sent_to_it_and_drops_what_comes_when_it_is_g
           row{"new", "svc.get", internal, changed("svc", "new")},
           row{"with.dot", "with.dot.get", internal, changed("with", "with.dot")}}) {
         server->set_uuid(identity);
-        answers->messages.clear(), logged();
+        answers->texts.clear(), logged();
         direct->deliver(topic, envelope());
-        EXPECT_EQ(texts{answer}, published_answers());
+        EXPECT_EQ(texts{answer}, answers->texts);
         EXPECT_EQ(texts{warning + line}, logged('1'));
     }
-    answers->messages.clear();
+    answers->texts.clear();
     server.reset();
     direct->deliver("svc.get", envelope());
     EXPECT_EQ((texts{"3" + log_of + "unset_all_handlers: unregistering server_id=with.dot",
                      warning + "request received for a reqrep_server that’s gone"}),
               logged());
-    EXPECT_EQ(texts{}, published_answers());
+    EXPECT_EQ(texts{}, answers->texts);
 }
 
 TEST_F(a_server, refuses_replies_that_are_not_json_and_publications_that_fail) {
@@ -197,7 +189,7 @@ TEST_F(a_server, refuses_replies_that_are_not_json_and_publications_that_fail) {
     EXPECT_THROW(kept->reply("no json"), sedes::v1::bad_deserialization_source);
     EXPECT_THAT(logged('0')[0], HasSubstr(failed + "reply" + road + ": "));
     kept->fail(std::runtime_error("later"));
-    EXPECT_EQ(nack("St13runtime_error", "later"), published_answers().back());
+    EXPECT_EQ(nack("St13runtime_error", "later"), answers->texts.back());
     answers->on_publish = [] { throw std::runtime_error("refused"); };
     EXPECT_THROW(kept->reply("1"), std::runtime_error);
     EXPECT_EQ(texts{}, answers_to("svc.get", envelope()));

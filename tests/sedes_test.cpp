@@ -57,21 +57,17 @@ std::string refusal(const std::string& json, const source_type_t* source = nullp
     return "accepted";
 }
 
-TEST(json_text, keeps_its_key_order_its_numbers_and_its_escapes) {
+TEST(json_text, keeps_its_key_order_its_numbers_and_its_escapes_and_the_last_value_of_a_repeated_key) {
     for (const std::string json :
          {R"({"z":1,"a":{"y":null,"b":[true,false]},"m":"\u0000\n\"\\é😀","e":{},"k":[]})",
           "[9223372036854775807,-9223372036854775808,18446744073709551615,-0.25,1e+300]"})
         EXPECT_EQ(rewritten(json), json);
-    std::string huge = "{";
+    std::string huge = "{", repeated = R"({"b":0,"":5,"a":0)";
     for (int key = 0; key < 1'000'000; ++key) huge += "\"k" + std::to_string(key) + "\":0,";
     huge.back() = '}';
     EXPECT_TRUE(rewritten(huge) == huge) << "a million keys, and soon";
-}
-
-TEST(json_text, keeps_the_last_of_many_values_of_a_key_at_its_first_place) {
-    std::string repeated = R"({"b":0,"":5,"a":0)";
     for (int value = 1; value < 100; ++value)
-        repeated += ",\"" + std::string(value % 2 ? "a" : "b") + "\":" + std::to_string(value);
+        repeated += (value % 2 ? ",\"a\":" : ",\"b\":") + std::to_string(value);
     EXPECT_EQ(rewritten(repeated + "}"), R"({"b":98,"":5,"a":99})");
 }
 
@@ -159,16 +155,16 @@ TEST(record, is_refused_with_the_source_and_the_path_of_the_member_that_does_not
 }
 
 template <typename T>
-T read(const std::string& json) {
+std::string read_and_written(const std::string& json) {
     T out{};
     deserialize_from_json_string(json, &out);
-    return out;
+    return serialize_to_json_string(out);
 }
 
 template <typename T>
 void expect_range() {
     for (const T limit : {std::numeric_limits<T>::min(), std::numeric_limits<T>::max()})
-        EXPECT_EQ(read<T>(serialize_to_json_string(limit)), limit);
+        EXPECT_EQ(read_and_written<T>(std::to_string(limit)), std::to_string(limit));
     EXPECT_EQ(refusal<T>("-1") == "accepted", std::is_signed_v<T>);
     for (const char* json : {"1.0", "true", "\"1\"", "18446744073709551616"})
         EXPECT_THAT(refusal<T>(json), StartsWith("expected an integer")) << json;
@@ -180,8 +176,8 @@ TEST(number_member, holds_the_range_of_its_type_and_refuses_what_lies_beyond) {
     expect_range<unsigned long long>();
     EXPECT_EQ(refusal<std::uint32_t>("4294967296"), "number 4294967296 is out of range");
     EXPECT_EQ(refusal<float>("1e300"), "number 1e+300 is out of range");
-    EXPECT_EQ(read<double>("18446744073709551615"), 18446744073709551615.0);
-    EXPECT_EQ(read<double>("-3") / 4, -0.75);
+    EXPECT_EQ(read_and_written<double>("18446744073709551615"), "1.8446744073709552e+19");
+    EXPECT_EQ(read_and_written<double>("-3"), "-3.0");
 }
 
 TEST(uuid, is_nil_at_first_and_different_each_time_it_is_randomized) {

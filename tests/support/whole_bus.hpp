@@ -27,11 +27,12 @@ class kept_publications : public vesk::v1::publisher::backend {
   public:
     void publish(vesk::v1::publisher*, const std::string& topic, const std::string& data) override {
         on_publish();
-        messages.emplace_back(topic, data);
+        topics.push_back(topic);
+        texts.push_back(data);
     }
 
     std::function<void()> on_publish = [] {};  ///< called by each publication, before it is kept
-    std::vector<std::pair<std::string, std::string>> messages;
+    frames topics, texts;
 };
 
 /// All four backends over real sockets, with a clock set by hand and the test as the hub.
@@ -48,13 +49,6 @@ class whole_bus : public testing::Test {
         connection.set_event_loop(loop);
         connection.initialize({.pub_endpoint = hub.pub_endpoint(), .sub_endpoint = hub.sub_endpoint()});
         hub.meet_publisher();
-    }
-
-    /// Relays a message and waits until the library has noted its receipt in the log.
-    void relay(const std::string& topic, const std::string& data) {
-        const auto before = log.lines.size();
-        hub.relay(topic, data);
-        loop->run_until([&] { return log.lines.size() > before; });
     }
 
     /// Waits until the hub knows every subscription made so far.
