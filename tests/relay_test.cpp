@@ -133,15 +133,6 @@ TEST_F(relay_hub, relays_frames_up_to_the_limit_byte_for_byte_by_prefix_and_coun
     through.prove();
 }
 
-TEST_F(relay_hub, loses_nothing_of_a_burst_although_the_subscriber_reads_late) {
-    hub relay({ipc("pub"), ipc("sub")});
-    road through(relay);
-    const auto wanted = relay.read_counters().messages_out + 20'000;
-    for (int i = 0; i < 20'000; ++i) through.publisher.send({"t", std::to_string(i), "metadata"});
-    while (relay.read_counters().messages_out < wanted) std::this_thread::yield();
-    for (int i = 0; i < 20'000; ++i) ASSERT_EQ(through.subscriber.receive().at(1), std::to_string(i));
-}
-
 // The mark of the smallest budget is 32 768 messages, probes among them. A subscriber whose connection was
 // dropped from while its queue was empty would never hear anything again.
 TEST_F(relay_hub, drops_for_a_subscriber_that_does_not_keep_up_alone_tells_it_once_and_serves_it_again) {
@@ -185,8 +176,8 @@ TEST_F(relay_hub, tells_who_comes_who_goes_and_who_is_refused) {
     std::optional<peer> more(std::in_place, zmq::socket_type::xpub, relay.pub_endpoint());
     more->receive();
     std::optional<road> peers(std::in_place, relay);
-    EXPECT_EQ(relay.read_counters().publishers, 2U);
-    EXPECT_EQ(relay.read_counters().subscribers, 1U);
+    const auto now = relay.read_counters();
+    EXPECT_EQ(std::pair(now.publishers, now.subscribers), std::pair(2UL, 1UL));
     const auto connected = peers_of(relay, event::connected);
     const std::string publisher = "publisher " + this_process(), loopback_peer = "subscriber 127.0.0.1:";
     EXPECT_THAT(connected, UnorderedElementsAre(publisher, publisher, StartsWith(loopback_peer)));
@@ -198,8 +189,7 @@ TEST_F(relay_hub, tells_who_comes_who_goes_and_who_is_refused) {
         std::this_thread::yield();
     EXPECT_THAT(peers_of(relay, event::disconnected), IsSupersetOf(connected));
     pollfd reports{relay.report_descriptor(), POLLIN, 0};
-    EXPECT_EQ(poll(&reports, 1, 0), 0);
-    EXPECT_EQ(relay.take_reports().size(), 0U) << "each was given once";
+    EXPECT_EQ(std::pair(poll(&reports, 1, 0), relay.take_reports().size()), std::pair(0, std::size_t{0}));
 }
 
 TEST_F(relay_hub, takes_no_signals_and_hands_no_descriptor_on_to_programs_that_are_started) {

@@ -18,11 +18,10 @@ class subscriber_backend : public test::whole_bus {
   protected:
     // Subscribes; every call of a callback is noted as "NAME notify TOPIC" or "NAME TOPIC=DATA".
     void note(subscriber& by, const std::string& topic, const std::string& name) {
+        const auto add = [this, name](const std::string& call) { calls.push_back(name + " " + call); };
         by.subscribe(
-            topic, [this, name](const auto& received) { calls.push_back(name + " notify " + received); },
-            [this, name](const auto& received, const auto& data) {
-                calls.push_back(name + " " + received + "=" + data);
-            });
+            topic, [add](const auto& received) { add("notify " + received); },
+            [add](const auto& received, const auto& data) { add(received + "=" + data); });
     }
 
     static frames message(const std::string& topic, const std::string& data) {
