@@ -177,7 +177,8 @@ TEST_F(relay_hub, tells_who_comes_who_goes_and_who_is_refused) {
     more->receive();
     std::optional<road> peers(std::in_place, relay);
     const auto now = relay.read_counters();
-    EXPECT_EQ(std::pair(now.publishers, now.subscribers), std::pair(2UL, 1UL));
+    EXPECT_EQ(now.publishers, 2U);
+    EXPECT_EQ(now.subscribers, 1U);
     const auto connected = peers_of(relay, event::connected);
     const std::string publisher = "publisher " + this_process(), loopback_peer = "subscriber 127.0.0.1:";
     EXPECT_THAT(connected, UnorderedElementsAre(publisher, publisher, StartsWith(loopback_peer)));
