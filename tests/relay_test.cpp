@@ -18,6 +18,8 @@
 
 namespace {
 
+namespace fs = std::filesystem;
+
 using namespace testing;
 using tolvan::relay::hub;
 using event = hub::report::event;
@@ -103,9 +105,9 @@ frames peers_of(hub& relay, event wanted, std::size_t least = 0) {
 
 class relay_hub : public testing::Test {
   protected:
-    ~relay_hub() override { std::filesystem::remove_all(folder); }
+    ~relay_hub() override { fs::remove_all(folder); }
     std::string ipc(const std::string& file) const { return "ipc://" + folder + "/" + file; }
-    auto files() const { return std::distance(std::filesystem::directory_iterator(folder), {}); }
+    auto files() const { return std::distance(fs::directory_iterator(folder), {}); }
 
     const hub::options loopback{"tcp://127.0.0.1:*", "tcp://127.0.0.1:*"};
     char unique_name[23] = "/tmp/relay_test.XXXXXX";
@@ -218,12 +220,11 @@ TEST_F(relay_hub, refuses_a_queue_that_the_largest_message_would_not_fit_into) {
 }
 
 TEST_F(relay_hub, names_the_endpoint_and_the_reason_when_it_refuses_one_and_leaves_the_holder_alone) {
-    const std::string open_folder = folder + "/open";
-    std::filesystem::create_directory(open_folder);
-    chmod(open_folder.c_str(), 0750);
-    std::filesystem::create_directory_symlink(folder, open_folder + "/link");
+    fs::create_directory(folder + "/open");
+    fs::permissions(folder + "/open", fs::perms(0750));
+    fs::create_directory_symlink(folder, folder + "/open/link");
     std::ofstream(folder + "/file") << "precious";
-    std::filesystem::create_symlink("file", folder + "/linked.lock");
+    fs::create_symlink("file", folder + "/linked.lock");
     hub holder({"tcp://127.0.0.1:*", ipc("held")});
     const auto files_before = files();
     const std::map<std::string, frames> refused_for{
@@ -258,13 +259,13 @@ TEST_F(relay_hub, names_the_endpoint_and_the_reason_when_it_refuses_one_and_leav
 }
 
 TEST_F(relay_hub, refuses_a_folder_of_another_or_that_lets_others_in_and_takes_one_for_the_group_it_is_told) {
-    const auto given = [&](mode_t mode, std::optional<gid_t> group = {}) {
-        chmod(folder.c_str(), mode);
+    const auto given = [&](unsigned mode, std::optional<gid_t> group = {}) {
+        fs::permissions(folder, fs::perms(mode));
         return refusal_of({ipc("pub"), ipc("sub"), false, group});
     };
-    for (const mode_t mode : {0701U, 0702U, 0704U, 0710U, 0720U, 0740U, 0750U})
+    for (const unsigned mode : {0701U, 0702U, 0704U, 0710U, 0720U, 0740U, 0750U})
         EXPECT_THAT(given(mode), HasSubstr("lets others in")) << mode;
-    for (const mode_t mode : {0700U, 0710U, 0740U, 0751U, 0754U, 0752U, 0770U})
+    for (const unsigned mode : {0700U, 0710U, 0740U, 0751U, 0754U, 0752U, 0770U})
         EXPECT_THAT(given(mode, getegid()), HasSubstr("needs mode 0750 and group")) << mode;
     EXPECT_THAT(given(0750, getegid() + 1), HasSubstr("needs mode 0750 and group"));
     EXPECT_EQ(given(0750, getegid()), "accepted");
@@ -275,21 +276,19 @@ TEST_F(relay_hub, refuses_a_folder_of_another_or_that_lets_others_in_and_takes_o
 }
 
 TEST_F(relay_hub, makes_folders_and_sockets_that_its_owner_and_the_group_can_use_under_any_umask) {
-    const auto mode_of = [&](const std::string& path) {
-        return static_cast<unsigned>(std::filesystem::status(folder + path).permissions());
-    };
+    const std::map<std::string, unsigned> modes{{"/own", 0700},         {"/own/way", 0700},
+                                                {"/own/way/pub", 0600}, {"/own/way/pub.lock", 0600},
+                                                {"/shared", 0750},      {"/shared/pub", 0660}};
     for (const mode_t mask : {0777U, 0U}) {
         const mode_t before = umask(mask);
         hub own({ipc("own/way/pub"), loopback.sub_endpoint});
         hub shared({ipc("shared/pub"), loopback.sub_endpoint, false, getegid()});
         umask(before);
-        const std::vector<unsigned> modes{mode_of("/own"),         mode_of("/own/way"),
-                                          mode_of("/own/way/pub"), mode_of("/own/way/pub.lock"),
-                                          mode_of("/shared"),      mode_of("/shared/pub")};
-        EXPECT_EQ(modes, (std::vector<unsigned>{0700, 0700, 0600, 0600, 0750, 0660}));
+        for (const auto& [path, mode] : modes)
+            EXPECT_EQ(fs::status(folder + path).permissions(), fs::perms(mode)) << path;
         shared.stop();
         own.stop();
-        for (const auto* made : {"/own", "/shared"}) std::filesystem::remove_all(folder + made);
+        for (const auto* made : {"/own", "/shared"}) fs::remove_all(folder + made);
     }
 }
 
@@ -298,10 +297,10 @@ TEST_F(relay_hub, accepts_every_kind_of_local_endpoint_and_remote_ones_when_allo
     EXPECT_EQ(refusal_of({"ipc://@" + folder, "tcp://0.0.0.0:*", true}), "accepted");
     EXPECT_THAT(refusal_of({ipc("made/pub"), "tcp://[::1]:*"}),
                 AnyOf("accepted", HasSubstr("Cannot assign"), HasSubstr("family not supported")));
-    const auto elsewhere = std::filesystem::current_path();
-    std::filesystem::current_path(folder);
+    const auto elsewhere = fs::current_path();
+    fs::current_path(folder);
     EXPECT_EQ(hub({"ipc://relative/pub", loopback.sub_endpoint}).pub_endpoint(), ipc("relative/pub"));
-    std::filesystem::current_path(elsewhere);
+    fs::current_path(elsewhere);
 }
 
 TEST_F(relay_hub, starts_over_what_a_killed_hub_left_and_leaves_nothing_itself) {
