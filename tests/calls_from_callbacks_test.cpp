@@ -4,6 +4,7 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <tuple>
 
 #include <gmock/gmock.h>
 
@@ -152,11 +153,8 @@ struct application : whole_bus {
 
 const texts after_initialization = {"-listener", "-bystander", "-server", "-other server", "-kept"};
 
-const struct {
-    const char* name;
-    void (*act)(application&);
-    texts effects;  ///< on what works afterwards: "+NAME" does too, "-NAME" does not
-} actions[] = {
+/// The effects are on what works afterwards: "+NAME" does too, "-NAME" does not.
+const std::tuple<const char*, void (*)(application&), texts> actions[] = {
     {"nothing", [](auto&) {}, {}},
     {"subscribe", [](auto& app) { app.hear("late", *app.listener, "late"); }, {"+late"}},
     {"subscribe again", [](auto& app) { app.hear("again", *app.listener, "news"); }, {"+again", "-listener"}},

@@ -1,3 +1,4 @@
+#include <array>
 #include <atomic>
 #include <thread>
 
@@ -60,15 +61,13 @@ TEST_F(publisher_backend, sends_topic_data_and_a_sixteen_byte_stamp) {
 }
 
 TEST_F(publisher_backend, drops_what_comes_before_the_first_colon_of_a_topic_and_what_follows_a_nul) {
-    struct row {
-        std::string topic, data, wire_topic, wire_data;
+    const std::array<std::string, 4> rows[] = {
+        {"svc:a.b", "", "a.b", ""},
+        {"x:y:z", "%s%n", "y:z", "%s%n"},
+        {"abc:", "d", "", "d"},
+        {std::string("a\0b:c", 5), std::string("ab\0cd", 5), "a", "ab"},
     };
-    for (const auto& [topic, data, wire_topic, wire_data] : {
-             row{"svc:a.b", "", "a.b", ""},
-             row{"x:y:z", "%s%n", "y:z", "%s%n"},
-             row{"abc:", "d", "", "d"},
-             row{std::string("a\0b:c", 5), std::string("ab\0cd", 5), "a", "ab"},
-         })
+    for (const auto& [topic, data, wire_topic, wire_data] : rows)
         EXPECT_THAT(publish(topic, data), testing::ElementsAre(wire_topic, wire_data, testing::_));
 }
 

@@ -1,4 +1,6 @@
+#include <array>
 #include <optional>
+#include <tuple>
 
 #include <gmock/gmock.h>
 
@@ -100,12 +102,8 @@ TEST_F(a_server, answers_each_request_as_its_envelope_and_its_handler_say) {
     const std::string asked = envelope(), with_1 = envelope(R"(, "payload": 1})");
     const std::string failed_call = nack("St17bad_function_call", "bad_function_call");
     const std::string refused = nack(decoding, "expected a string, found an integer");
-    struct row {
-        std::string command, data;
-        texts answers;
-        std::string logged;  // a part of the one line of level 0 or 1; empty for none
-    };
-    const row rows[] = {
+    // Command, data, answers, and a part of the one line that is logged at level 0 or 1.
+    const std::tuple<std::string, std::string, texts, std::string> rows[] = {
         {"echo", with_1, {ack, reply_1}, ""},
         {"raw", with_1, {ack}, ""},
         {"quiet", asked, {ack, reply_1}, "1" + log_of + "enqueue_request: " + wrong},
@@ -156,14 +154,13 @@ TEST_F(a_server, nacks_what_was_not_sent_to_it_and_drops_what_comes_when_it_is_g
         return "received request for a server that changed identification from “" + from + "” to “" + to +
                "” after setting command handler – bug in your server code? NACKing";
     };
-    struct row {
-        std::string identity, topic, answer, logged;
+    const std::array<std::string, 4> rows[] = {
+        {"svc", "svc", nack("St13runtime_error", "malformed topic"),
+         "server_id=svc received request with malformed topic=“svc”; NACKing"},
+        {"new", "svc.get", internal, changed("svc", "new")},
+        {"with.dot", "with.dot.get", internal, changed("with", "with.dot")},
     };
-    for (const auto& [identity, topic, answer, line] :
-         {row{"svc", "svc", nack("St13runtime_error", "malformed topic"),
-              "server_id=svc received request with malformed topic=“svc”; NACKing"},
-          row{"new", "svc.get", internal, changed("svc", "new")},
-          row{"with.dot", "with.dot.get", internal, changed("with", "with.dot")}}) {
+    for (const auto& [identity, topic, answer, line] : rows) {
         server->set_uuid(identity);
         answers->texts.clear(), logged();
         direct->deliver(topic, envelope());
@@ -217,26 +214,21 @@ TEST_F(a_server, answers_the_request_at_hand_whatever_its_handler_does_unless_it
     const std::string thrown = "exception caught (St13runtime_error): afterwards";
     const texts all{ack, reply_1, nack("St13runtime_error", "afterwards")};
     const auto initialize_again = [&] { initialize(), vesk::v1::publisher::backend::instance = answers; };
-    struct row {
-        std::string name;
-        std::function<void(const reqrep_server::request&)> act;
-        texts answers;
-        std::string last_error;
-    };
     const auto add_last_words = [&](const reqrep_server::request& request) {
         const std::shared_ptr<void> last_words(nullptr, [request](void*) { request.reply("2"); });
         server->set_command_handler<json>("other", true, [last_words](auto&&, auto&&) {});
     };
-    const row rows[] = {
-        {"unregister", [&](auto&) { server->unset_all_handlers(); }, all, thrown},
-        {"initialize", [&](auto&) { initialize_again(); }, all, thrown},
-        {"destroy", [&](auto& request) { add_last_words(request), server.reset(); }, {ack}, gone},
-        {"both", [&](auto&) { initialize_again(), server.reset(); }, {ack}, gone},
-        {"release",
-         [](auto&) { vesk::v1::release_backends(); },
-         {ack},
-         "reply: server_id=svc could not NACK"},
-    };
+    const std::tuple<std::string, std::function<void(const reqrep_server::request&)>, texts, std::string>
+        rows[] = {
+            {"unregister", [&](auto&) { server->unset_all_handlers(); }, all, thrown},
+            {"initialize", [&](auto&) { initialize_again(); }, all, thrown},
+            {"destroy", [&](auto& request) { add_last_words(request), server.reset(); }, {ack}, gone},
+            {"both", [&](auto&) { initialize_again(), server.reset(); }, {ack}, gone},
+            {"release",
+             [](auto&) { vesk::v1::release_backends(); },
+             {ack},
+             "reply: server_id=svc could not NACK"},
+        };
     for (const auto& [name, act, expected, last_error] : rows) {
         server.emplace().set_uuid("svc");
         initialize_again();

@@ -8,13 +8,12 @@
 namespace {
 
 using namespace tolvan;
-using test::frames;
-using test::texts;
+using namespace test;
 using vesk::v1::subscriber;
 
 const std::string log_of = " src/hub/subscriber_impl ";
 
-class subscriber_backend : public test::whole_bus {
+class subscriber_backend : public whole_bus {
   protected:
     // Subscribes; every call of a callback is noted as "NAME notify TOPIC" or "NAME TOPIC=DATA".
     void note(subscriber& by, const std::string& topic, const std::string& name) {
@@ -25,7 +24,7 @@ class subscriber_backend : public test::whole_bus {
     }
 
     static frames message(const std::string& topic, const std::string& data) {
-        return {topic, data, test::hub_sides::metadata(0)};
+        return {topic, data, hub_sides::metadata(0)};
     }
 
     // Makes all deliveries that wait.
@@ -109,15 +108,12 @@ TEST_F(subscriber_backend, notifies_at_receipt_and_delivers_one_message_a_millis
 }
 
 TEST_F(subscriber_backend, survives_any_message_and_delivers_the_next_good_one) {
-    const std::string stamp = test::hub_sides::metadata(0), big(1 << 20, 'b');
+    const std::string stamp = hub_sides::metadata(0), big(1 << 20, 'b');
     const std::string handler = "0" + log_of + "subscription_handler: ";
     const std::string dropped = handler + "Failed to receive 0MQ message off of socket; dropping";
     const std::string unsupported = handler + "unsupported metadata version=";
-    const struct {
-        frames message;
-        std::string delivered;  // TOPIC=DATA, empty for nothing
-        texts logged;
-    } rows[] = {
+    // Message; what of it is delivered, TOPIC=DATA; what is logged.
+    const std::tuple<frames, std::string, texts> rows[] = {
         {{"x"}, "", {dropped}},
         {{"x", "d"}, "x=d", {}},
         {{"x", "d", stamp, "4", "5", "6", "7", "8", "9", "10"}, "x=d", {}},
@@ -148,7 +144,7 @@ TEST_F(subscriber_backend, reports_latency_at_most_once_an_hour_of_loop_time) {
     note(one, "x", "one");
     const auto receive_stamp = [&](const std::string& stamp) { receive({{"x", "", stamp}}); };
     const auto stamp = [this](std::int64_t latency) {
-        return test::hub_sides::metadata(loop->clock.count() - latency);
+        return hub_sides::metadata(loop->clock.count() - latency);
     };
     receive_stamp(stamp(7));
     EXPECT_EQ(texts{report + "count=1 avg=7ms"}, logged('2'));
@@ -163,7 +159,7 @@ TEST_F(subscriber_backend, reports_latency_at_most_once_an_hour_of_loop_time) {
     EXPECT_EQ(texts{report + "count=3 avg=-2ms"}, logged('2')) << "not of another version, nor cut";
     for (const auto limit :
          {std::numeric_limits<std::int64_t>::min(), std::numeric_limits<std::int64_t>::max()})
-        receive_stamp(test::hub_sides::metadata(limit));
+        receive_stamp(hub_sides::metadata(limit));
 }
 
 TEST_F(subscriber_backend, is_not_deaf_after_a_notify_callback_has_thrown) {
@@ -194,7 +190,7 @@ TEST_F(subscriber_backend, makes_a_subscription_or_none_whatever_allocation_fail
         subscriber one;
         note(one, "a.bc", "failed");
     };
-    test::fail_each_allocation(subscribe_failing, [this] {
+    fail_each_allocation(subscribe_failing, [this] {
         calls.clear();
         subscriber one;
         note(one, "a.bc", "one");
