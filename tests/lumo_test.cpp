@@ -90,7 +90,7 @@ TEST(log_call, that_is_admitted_allocates_nothing) {
     const auto registration = lumo::add_sink(lumo::trace, [&records](const lumo::log_entry&) { ++records; });
     const auto before = allocations;
     LUMO_LOG(0, "file", "function", "{} {} {} {}", 1, std::uint16_t(2), true, typeid(error));
-    LUMO_LOG(0, "file", "function", "{} {} {:>9}", error.what(), milliseconds(4), text);
+    LUMO_LOG(0, "file", "function", "{} {} {} {:>9}", error.what(), std::uint8_t(3), milliseconds(4), text);
     EXPECT_EQ(std::pair(before, 2U), std::pair(allocations, records));
 }
 
