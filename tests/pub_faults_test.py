@@ -24,25 +24,12 @@ ROUNDS = int(os.environ.get("VESK_ROUNDS", "8"))
 HUB = pathlib.Path(__file__).parent / "support" / "recording_hub.py"
 
 
-class Feeder(threading.Thread):
-    """Writes numbered lines into a process until told to stop: one a millisecond, or as fast as they are read."""
-
-    def __init__(self, process, trickling):
-        super().__init__()
-        self.process, self.trickling = process, trickling
-        self.stopped = threading.Event()
-        self.fed = 0
-        self.start()
-
-    def run(self):
-        with contextlib.suppress(BrokenPipeError), self.process.stdin:
-            while not self.stopped.wait(0.001 if self.trickling else 0):
-                self.process.feed(b"%d\n" % (self.fed + 1), close=False)
-                self.fed += 1
-
-    def stop(self):
-        self.stopped.set()
-        self.join()
+def feed_lines(process, trickling, stopped, fed):
+    """Writes numbered lines until told to stop: one a millisecond, or as fast as they are read. Notes them."""
+    with contextlib.suppress(BrokenPipeError), process.stdin:
+        while not stopped.wait(0.001 if trickling else 0):
+            process.feed(b"%d\n" % (len(fed) + 1), close=False)
+            fed.append(len(fed) + 1)
 
 
 class FragileRoad(socketserver.ThreadingUnixStreamServer):
@@ -85,14 +72,17 @@ class PubFaults(EndToEndTest):
         """Breaks something while lines flow; gives how many of them were lost."""
         self.record.write_bytes(b"")
         pub = self.vesk("pub", "line", *options, stdin=subprocess.PIPE)
-        feeder = Feeder(pub, trickling)
-        self.addCleanup(feeder.stop)
-        for interrupt in (break_off, feeder.stop):
+        stopped, fed = threading.Event(), []
+        self.addCleanup(stopped.set)
+        feeder = threading.Thread(target=feed_lines, args=(pub, trickling, stopped, fed))
+        feeder.start()
+        for interrupt in (break_off, stopped.set):
             before = len(self.recorded())
             await_that(lambda: len(self.recorded()) > before + 100, pub)
             interrupt()
+        feeder.join()
         status = pub.end()
-        lost = set(range(1, feeder.fed + 1)).difference(self.recorded())
+        lost = set(fed).difference(self.recorded())
         self.assertLessEqual(lost, self.named_in(pub.log), (status, pub.log))
         self.assertEqual(status, FAILED if self.named_in(pub.log) else DONE, pub.log)
         return len(lost)
