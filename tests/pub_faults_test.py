@@ -21,7 +21,6 @@ import unittest
 from end_to_end_test import DONE, FAILED, EndToEndTest, await_that
 
 ROUNDS = int(os.environ.get("VESK_ROUNDS", "8"))
-HUB = pathlib.Path(__file__).parent / "support" / "recording_hub.py"
 
 
 def feed_lines(process, trickling, stopped, fed):
@@ -66,7 +65,8 @@ class PubFaults(EndToEndTest):
         self.hub = self.start_recording()
 
     def start_recording(self):
-        return self.start("/usr/bin/python3", HUB, self.record, *self.endpoints)
+        program = pathlib.Path(__file__).parent / "support" / "recording_hub.py"
+        return self.start("/usr/bin/python3", program, self.record, *self.endpoints)
 
     def check_round(self, break_off, trickling, *options):
         """Breaks something while lines flow; gives how many of them were lost."""

@@ -10,7 +10,6 @@
 #include <iostream>
 #include <map>
 #include <optional>
-#include <utility>
 
 #include <unistd.h>
 
