@@ -47,7 +47,8 @@ class RequestAndReply(EndToEndTest):
                       "the program's output makes a reply of 16776502 bytes, which is larger than a message may be"),
             "verbose": ("-- sh -c 'yes | head -c 17000000 >&2; echo the end >&2; exit 1'", [], FAILED, [], "the end"),
         }
-        serves = {command: self.vesk("serve", "svc", command, *shlex.split(row[0])) for command, row in requests.items()}
+        serves = {command: self.vesk("serve", "svc", command, *shlex.split(given))
+                  for command, (given, *_) in requests.items()}
         for serve in serves.values():
             serve.await_line("^vesk: ready$")
         asked = {command: self.vesk("request", "svc", command, *row[1]) for command, row in requests.items()}
