@@ -1,6 +1,5 @@
 // Any arguments of a log call: the message fits the buffer, holds no control character, and is what putting
 // in the arguments one by one gives.
-#include <algorithm>
 #include <regex>
 #include <string>
 
@@ -19,10 +18,8 @@ constexpr std::size_t longest_text = 4095;
 // C0, DEL, C1 and what controls the direction of writing, byte by byte.
 std::string scrubbed(const std::string& text) {
     static const std::regex controls(
-        "[\\x01-\\x1f\\x7f]|\xc2[\x80-\x9f]|\xe2\x80[\xaa-\xae]|\xe2\x81[\xa6-\xa9]");
-    std::string without_nul = text;
-    std::replace(without_nul.begin(), without_nul.end(), '\0', '?');
-    return std::regex_replace(without_nul, controls, "?");
+        "[\\0-\\x1f\\x7f]|\xc2[\x80-\x9f]|\xe2\x80[\xaa-\xae]|\xe2\x81[\xa6-\xa9]");
+    return std::regex_replace(text, controls, "?");
 }
 
 }  // namespace

@@ -30,7 +30,7 @@ class Bench(EndToEndTest):
             self.assertIn(f"{row.capitalize()}, 50 times", texts)
             self.assertIn(f"p99 {table[row][3]} ms", texts)
 
-    def test_tells_its_losses_when_the_hub_dies_and_what_cannot_work_at_once(self):
+    def test_tells_its_losses_when_the_hub_dies(self):
         hub = self.start_hub()
         client = self.foreign_client("vesk.probe")
         bench = self.vesk("bench", "--count", "10000000", "--json")
@@ -41,11 +41,6 @@ class Bench(EndToEndTest):
         report = json.loads(bench.output[0])["throughput"]
         self.assertGreater(report["lost"], 0)
         self.assertIn(f"throughput: {report['lost']} of {report['sent']} messages are lost", bench.log)
-        missing = str(self.folder / "missing" / "x.svg")
-        bench = self.vesk("bench", "--own-hub", "--svg", missing)
-        self.assert_ends(bench, FAILED, f"could not write to '{missing}'", [])
-        for limit in ("--rate 1001", "--count 0", "--size 17000000"):
-            self.assert_wrong_usage(["bench", *limit.split()])
 
 
 if __name__ == "__main__":

@@ -1,9 +1,10 @@
-"""What a running application meets when its hub dies, freezes, is replaced, or serves somebody who does not read.
+"""What a running application meets when its hub dies or ends, freezes, or serves somebody who does not read.
 
 The application ("traffic") sends a request and a numbered tick every 5 ms and counts what becomes of them.
-VESK_ROUNDS is how often the hub dies.
+VESK_ROUNDS is how often the hub is replaced.
 """
 
+import collections
 import json
 import os
 import signal
@@ -32,14 +33,13 @@ class HubFaults(EndToEndTest):
     def start_traffic(self, *arguments, on=()):
         return self.start(*on, BIN / "traffic", *arguments, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
 
-    def start_application(self, name="app", endpoints=None):
-        pub, sub = endpoints or self.endpoints
-        serve = self.vesk("serve", f"svc-{name}", "echo", "--echo", "--pub-endpoint", pub, "--sub-endpoint", sub)
-        return self.start_traffic(name, f"svc-{name}", pub, sub, "5"), serve
+    def start_application(self):
+        serve = self.vesk("serve", "svc", "echo", "--echo")
+        return self.start_traffic("app", "svc", *self.endpoints, "5"), serve
 
     def counts(self, application):
         application.feed(b"\n", close=False)
-        return json.loads(application.stdout.readline())
+        return collections.Counter(json.loads(application.stdout.readline()))
 
     def await_traffic(self, application, amount):
         sent = self.counts(application)["sent"]
@@ -58,20 +58,20 @@ class HubFaults(EndToEndTest):
     def assert_answers_all(self, application, later_than):
         """Lets every request end, and finds none failed of those that were sent after that one; gives the counts."""
         application.feed(b"")
-        counts = json.loads(application.stdout.read())
+        counts = collections.Counter(json.loads(application.stdout.read()))
         self.assert_ends(application, DONE)
         self.assertEqual(counts["wrong"], 0)
         self.assertLessEqual(counts["last_failed"], later_than, counts)
         return counts
 
-    def test_killed_and_started_again_it_costs_neither_side_anything_but_what_was_under_way(self):
+    def test_killed_or_ended_and_started_again_it_costs_neither_side_anything_but_what_was_under_way(self):
         application, serve = self.start_application()
         for restart in range(ROUNDS):
             hub = self.start_hub()
             self.await_recovery(application)
             if restart == ROUNDS // 5:
                 before = [memory_and_descriptors(process) for process in (application, serve)]
-            hub.end(signal.SIGKILL)
+            hub.end(signal.SIGKILL if restart % 2 else signal.SIGTERM)
         self.start_hub()
         recovered = self.await_recovery(application)
         for process, (kib, descriptors) in zip((application, serve), before):
@@ -82,42 +82,24 @@ class HubFaults(EndToEndTest):
         self.assert_answers_all(application, later_than=recovered)
         self.assertEqual(serve.end(signal.SIGTERM), DONE)
 
-    def test_frozen_and_thawed_it_loses_nothing(self):
+    def test_neither_its_being_frozen_nor_a_subscriber_that_does_not_read_costs_anybody_a_message(self):
         hub = self.start_hub()
         application, _ = self.start_application()
+        sub = self.start_ready("sub", "tick.app")
         before = self.await_recovery(application)
+        sub.send_signal(signal.SIGSTOP)
+        self.await_traffic(application, 400)
+        self.await_recovery(application)
         hub.send_signal(signal.SIGSTOP)
         self.await_traffic(application, 200)
         hub.send_signal(signal.SIGCONT)
         self.await_recovery(application)
-        self.assertEqual(self.assert_answers_all(application, later_than=before)["lost"], 0)
-
-    def test_a_subscriber_that_does_not_read_delays_nobody_and_gets_everything_in_the_end(self):
-        self.start_hub()
-        application, _ = self.start_application()
-        sub = self.start_ready("sub", "tick.app")
-        self.await_recovery(application)
-        sub.send_signal(signal.SIGSTOP)
-        self.await_traffic(application, 400)
-        self.await_recovery(application)
         sub.send_signal(signal.SIGCONT)
-        sub.await_line(f"tick.app.{self.counts(application)['last_heard']} ", stream="stdout")
+        counts = self.assert_answers_all(application, later_than=before)
+        self.assertEqual(counts["lost"], 0)
+        sub.await_line(f"tick.app.{counts['last_heard']} ", stream="stdout")
         ticks = [int(line.split(".")[2]) for line in sub.output]
         self.assertEqual(ticks, list(range(ticks[0], ticks[0] + len(ticks))))
-
-    def test_two_that_swap_places_get_the_applications_of_the_place(self):
-        places = [(f"ipc://{self.folder}/pub{n}", f"ipc://{self.folder}/sub{n}") for n in (1, 2)]
-        applications = [self.start_application(f"app{n}", place)[0] for n, place in enumerate(places)]
-        hubs = []
-        for order in (places, places[::-1], places):
-            for hub in hubs:
-                self.assertEqual(hub.end(signal.SIGTERM), DONE)
-            hubs = [self.start_hub("--pub-endpoint", pub, "--sub-endpoint", sub) for pub, sub in order]
-            for application in applications:
-                self.await_recovery(application)
-        for application in applications:
-            counts = self.counts(application)
-            self.assertEqual((counts["foreign"], counts["wrong"]), (0, 0))
 
 
 if __name__ == "__main__":

@@ -4,7 +4,6 @@ import contextlib
 import os
 import pty
 import resource
-import select
 import signal
 import socket
 import termios
@@ -19,11 +18,10 @@ MEMBER, STRANGER, GROUP = 64001, 64002, 64003  # nobody has them
 
 
 def connected(endpoint):
-    if endpoint.startswith("tcp://"):
-        return socket.create_connection(("127.0.0.1", int(endpoint.rpartition(":")[2])), PATIENCE)
-    connection = socket.socket(socket.AF_UNIX)
-    connection.connect(endpoint.removeprefix("ipc://"))
+    kind, address = endpoint.split("://")
+    connection = socket.socket(socket.AF_UNIX if kind == "ipc" else socket.AF_INET)
     connection.settimeout(PATIENCE)
+    connection.connect(address if kind == "ipc" else ("127.0.0.1", int(address.split(":")[1])))
     return connection
 
 
@@ -47,14 +45,10 @@ def stop(fd):
 
 
 def await_text(fd, text):
+    os.set_blocking(fd, False)
     got = bytearray()
-
-    def has_come():
-        if select.select([fd], [], [], 0)[0]:
-            got.extend(os.read(fd, 1 << 16))
-        return text in got
-
-    await_that(has_come)
+    with open(fd, "rb", buffering=0, closefd=False) as stream:
+        await_that(lambda: got.extend(stream.read() or b"") or text in got)
 
 
 class Descriptors(EndToEndTest):
@@ -66,20 +60,14 @@ class Descriptors(EndToEndTest):
         self.endpoints = hub.await_line("bound to (.*) and (.*)").groups()
         room = int(hub.await_line(r"room for (\d+) connections").group(1))
         old = self.foreign_client("tick")
-        crowd, served = [], 0
-        for _ in range(CROWD):
-            crowd.append(connected(self.endpoints[1]))
-            served += is_served(crowd[-1])
-        self.assertEqual(served, room - 2)
-        hub.await_line(r"refused \d+ connections for want of descriptors")
-        old.publish("tick", "in the crowd", metadata())
-        self.assertEqual(old.receive()[1], b"in the crowd")
-        await_that(lambda: psutil.Process(hub.pid).cpu_percent(interval=0.1) == 0, hub)  # never when it spins
-        for connection in crowd:
-            connection.close()
-        new = self.foreign_client("tock")  # which waits until it is served
-        for client in (old, new):
-            client.context.destroy(linger=0)
+        with contextlib.ExitStack() as crowd:
+            connections = (crowd.enter_context(connected(self.endpoints[1])) for _ in range(CROWD))
+            self.assertEqual(sum(map(is_served, connections)), room - 2)
+            hub.await_line(r"refused \d+ connections for want of descriptors")
+            old.publish("tick", "in the crowd", metadata())
+            self.assertEqual(old.receive()[1], b"in the crowd")
+            await_that(lambda: psutil.Process(hub.pid).cpu_percent(interval=0.1) == 0, hub)  # never when it spins
+        self.foreign_client("tock")  # which waits until it is served
         self.assertEqual(hub.end(signal.SIGTERM), DONE)
 
     def test_that_run_out_cost_it_only_the_connections_beyond_them(self):

@@ -9,125 +9,86 @@ import collections
 import contextlib
 import itertools
 import os
+import pathlib
 import re
+import signal
 import socket
+import socketserver
 import subprocess
 import threading
 import unittest
-
-import zmq
 
 from end_to_end_test import DONE, FAILED, EndToEndTest, await_that
 
 ROUNDS = int(os.environ.get("VESK_ROUNDS", "8"))
 
 
-class RecordingHub(threading.Thread):
-    """Notes each line before it relays it. Its end takes everything along that it has queued."""
-
-    def __init__(self, record, *endpoints):
-        super().__init__()
-        self.record, self.context = record, zmq.Context()
-        self.taken, self.given = (self.context.socket(kind) for kind in (zmq.SUB, zmq.XPUB))
-        self.poller = zmq.Poller()
-        for end, endpoint in reversed([*zip((self.taken, self.given), endpoints)]):
-            end.rcvhwm = end.sndhwm = end.linger = 0
-            end.bind(endpoint)
-            self.poller.register(end, zmq.POLLIN)
-        self.taken.subscribe(b"")
-        self.start()
-
-    def run(self):
-        with contextlib.suppress(zmq.ContextTerminated), self.taken, self.given:
-            while True:
-                for source, _ in self.poller.poll():
-                    self.relay(source.recv_multipart())
-
-    def relay(self, frames):
-        if frames[0] == b"line":
-            self.record.append(int(frames[1]))
-        self.given.send_multipart(frames)
-
-    def end(self):
-        self.context.term()
-        self.join()
+def feed_lines(process, trickling, stopped, fed):
+    """Writes numbered lines until told to stop: one a millisecond, or as fast as they are read. Notes them."""
+    with contextlib.suppress(BrokenPipeError), process.stdin:
+        while not stopped.wait(0.001 if trickling else 0):
+            process.feed(b"%d\n" % (len(fed) + 1), close=False)
+            fed.append(len(fed) + 1)
 
 
-class Feeder(threading.Thread):
-    """Writes numbered lines into a process until told to stop: one a millisecond, or as fast as they are read."""
-
-    def __init__(self, process, trickling):
-        super().__init__()
-        self.process, self.trickling = process, trickling
-        self.stopped = threading.Event()
-        self.fed = 0
-        self.start()
-
-    def run(self):
-        with contextlib.suppress(BrokenPipeError), self.process.stdin as pipe:
-            while not self.stopped.wait(0.001 if self.trickling else 0):
-                pipe.write(b"%d\n" % (self.fed + 1))
-                pipe.flush()
-                self.fed += 1
-
-    def stop(self):
-        self.stopped.set()
-        self.join()
-
-
-class FragileRoad(threading.Thread):
+class FragileRoad(socketserver.ThreadingUnixStreamServer):
     """Passes bytes on between the connections that it takes and a hub. Told to, it loses the next lines that come
     without a probe, and breaks their connection: the publisher gets no sign that it was just then."""
 
-    def __init__(self, port):
-        super().__init__(daemon=True)
-        self.port, self.listener = port, socket.create_server(("127.0.0.1", 0))
-        self.breaks = threading.Event()
-        self.start()
+    daemon_threads = True
 
-    def run(self):
-        with self.listener:
-            while True:
-                ends = self.listener.accept()[0], socket.create_connection(("127.0.0.1", self.port))
-                for source, sink in (ends, ends[::-1]):
-                    threading.Thread(target=self.pass_on, args=(source, sink), daemon=True).start()
+    def __init__(self, path, hub):
+        super().__init__(path, None)
+        self.hub, self.breaks = hub, threading.Event()
+        threading.Thread(target=self.serve_forever, daemon=True).start()
+
+    def finish_request(self, near, _):
+        with socket.socket(socket.AF_UNIX) as far:
+            far.connect(self.hub)
+            threading.Thread(target=self.pass_on, args=(far, near), daemon=True).start()
+            self.pass_on(near, far)
 
     def pass_on(self, source, sink):
-        with source, contextlib.suppress(OSError):
+        with contextlib.suppress(OSError):
             while data := source.recv(4096):
                 if self.breaks.is_set() and b"line" in data and b"vesk.probe." not in data:
                     self.breaks.clear()
                     break
                 sink.sendall(data)
-        with contextlib.suppress(OSError):
             sink.shutdown(socket.SHUT_RDWR)
 
 
 class PubFaults(EndToEndTest):
     def setUp(self):
         super().setUp()
-        self.record = []
+        self.record = self.folder / "record"
+        self.hub = self.start_recording()
 
-    def start_recording(self, *endpoints):
-        hub = RecordingHub(self.record, *endpoints)
-        self.addCleanup(hub.end)
-        return hub
+    def start_recording(self):
+        program = pathlib.Path(__file__).parent / "support" / "recording_hub.py"
+        return self.start("/usr/bin/python3", program, self.record, *self.endpoints)
 
     def check_round(self, break_off, trickling, *options):
         """Breaks something while lines flow; gives how many of them were lost."""
-        self.record.clear()
+        self.record.write_bytes(b"")
         pub = self.vesk("pub", "line", *options, stdin=subprocess.PIPE)
-        feeder = Feeder(pub, trickling)
-        self.addCleanup(feeder.stop)
-        for interrupt in (break_off, feeder.stop):
-            before = len(self.record)
-            await_that(lambda: len(self.record) > before + 100, pub)
+        stopped, fed = threading.Event(), []
+        self.addCleanup(stopped.set)
+        feeder = threading.Thread(target=feed_lines, args=(pub, trickling, stopped, fed))
+        feeder.start()
+        for interrupt in (break_off, stopped.set):
+            before = len(self.recorded())
+            await_that(lambda: len(self.recorded()) > before + 100, pub)
             interrupt()
+        feeder.join()
         status = pub.end()
-        lost = set(range(1, feeder.fed + 1)).difference(self.record)
+        lost = set(fed).difference(self.recorded())
         self.assertLessEqual(lost, self.named_in(pub.log), (status, pub.log))
         self.assertEqual(status, FAILED if self.named_in(pub.log) else DONE, pub.log)
         return len(lost)
+
+    def recorded(self):
+        return [int(line) for line in self.record.read_bytes().split(b"\n")[:-1]]
 
     @staticmethod
     def named_in(log):
@@ -143,20 +104,19 @@ class PubFaults(EndToEndTest):
         self.assertEqual(lost["--resend",], 0)
         self.assertGreater(lost[()], 0, "nothing was ever lost, so nothing was tried")
 
-    def test_a_hub_that_ends_and_is_replaced(self):
-        hubs = [self.start_recording(*self.endpoints)]
-
+    def test_a_hub_that_is_killed_and_replaced(self):
         def replace():
-            hubs[-1].end()
-            hubs.append(self.start_recording(*self.endpoints))
+            self.hub.end(signal.SIGKILL)
+            self.hub = self.start_recording()
 
         self.check_rounds(replace)
 
     def test_a_connection_that_breaks_while_the_hub_lives(self):
-        hub = self.start_recording("tcp://127.0.0.1:*", self.endpoints[1])
-        road = FragileRoad(int(hub.taken.last_endpoint.rpartition(b":")[2]))
-        self.environment["VESK_PUB_ENDPOINT"] = "tcp://127.0.0.1:%d" % road.listener.getsockname()[1]
-        self.check_rounds(road.breaks.set)
+        await_that((self.folder / "pub").exists, self.hub)
+        with FragileRoad(f"{self.folder}/road", f"{self.folder}/pub") as road:
+            self.environment["VESK_PUB_ENDPOINT"] = f"ipc://{self.folder}/road"
+            self.check_rounds(road.breaks.set)
+            road.shutdown()
 
 
 if __name__ == "__main__":

@@ -1,6 +1,8 @@
-# The picture of scripts/soak, from the table that its trial writes: gnuplot -e "table='...'; picture='...'; processes='...'"
+# The picture of scripts/soak, from the table that its trial writes: gnuplot -c soak.gnuplot TABLE PICTURE PROCESSES
+table = ARG1
+processes = ARG3
 set terminal svg size 900,1000 dynamic font "sans,12" background "white"
-set output picture
+set output ARG2
 set datafile separator tab
 set multiplot layout 4,1
 set lmargin 10

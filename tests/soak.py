@@ -5,6 +5,7 @@ to a server that stays; they replace clients, servers and subscribers all the ti
 killed. What is measured comes out as lines, as a table and as a picture.
 """
 
+import collections
 import csv
 import pathlib
 import signal
@@ -32,10 +33,8 @@ class Soak(HubFaults):
         row = {"minutes": (time.monotonic() - since) / 60}
         for name, process in self.staying.items():
             row[f"{name} KiB"], row[f"{name} descriptors"] = memory_and_descriptors(process)
-        totals = [self.counts(application) for application in self.applications]
-        total = {name: sum(counts[name] for counts in totals) for name in totals[0]}
-        passed = {name: total[name] - self.total.get(name, 0) for name in total}
-        self.total = total
+        total = sum(map(self.counts, self.applications), collections.Counter())
+        passed, self.total = total - self.total, total
         return row | {"deliveries": passed["heard"] + passed["foreign"], "answers": passed["answered"],
                       "lost": passed["lost"],
                       "round trip": passed["round_trips_us"] / 1000 / max(1, passed["answered"])}
@@ -58,9 +57,8 @@ class Soak(HubFaults):
             table = csv.DictWriter(file, rows[0], delimiter="\t")
             table.writeheader()
             table.writerows(rows)
-        names = {"table": FOLDER / "soak.tsv", "picture": FOLDER / "soak.svg", "processes": " ".join(self.staying)}
         script = pathlib.Path(__file__).with_suffix(".gnuplot")
-        subprocess.run(["gnuplot", "-e", ";".join(f"{name}='{text}'" for name, text in names.items()), script],
+        subprocess.run(["gnuplot", "-c", script, file.name, FOLDER / "soak.svg", " ".join(self.staying)],
                        check=True)
 
     def assert_flat(self, rows):
@@ -80,7 +78,7 @@ class Soak(HubFaults):
         self.applications = [self.start_traffic(name, "svc", *self.endpoints, "20", "200") for name in names]
         self.staying = {"hub": hub, "serve": serve} | dict(zip(names, self.applications))
         ready = [self.await_recovery(application) for application in self.applications]
-        self.total = {}
+        self.total = collections.Counter()
         self.measure(0)
         rows = self.run_for(SECONDS)
         self.write(rows)

@@ -1,7 +1,7 @@
 // Returns from main with every backend installed and bus objects of all lifetimes still in use. The exit is
 // to be silent and orderly, also under valgrind. Needs no hub: connecting is asynchronous.
-#include <iostream>
-
+//
+//   silent_exit PUB_ENDPOINT SUB_ENDPOINT
 #include <tolvan/asio_event_loop.hpp>
 #include <tolvan/vesk/v1/connection.hpp>
 #include <tolvan/vesk/v1/publisher.hpp>
@@ -34,10 +34,7 @@ bus_objects first;
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3) {
-        std::cerr << "usage: silent_exit PUB_ENDPOINT SUB_ENDPOINT\n";
-        return 2;
-    }
+    if (argc != 3) return 2;
     const auto loop = std::make_shared<tolvan::asio_event_loop>();
     static const connection bus({.pub_endpoint = argv[1], .sub_endpoint = argv[2]}, loop);
     static bus_objects last;  // gone before the transport

@@ -1,8 +1,8 @@
 // An application that goes on whatever becomes of its hub: publishes a numbered tick and sends a request
 // every PERIOD ms, hears its own ticks and those of others, and counts. At a line of its stdin it tells its
-// counts as one JSON object; at the end of its stdin it sends no more, waits until every request has ended,
-// tells them once more, and exits. With CHURN it also replaces a client with a request under way, a server
-// and a subscriber every so many ms.
+// counts as one JSON object, without those that are 0; at the end of its stdin it sends no more, waits until
+// every request has ended, tells them once more, and exits. With CHURN it also replaces a client with a
+// request under way, a server and a subscriber every so many ms.
 //
 //   traffic NAME SERVER PUB_ENDPOINT SUB_ENDPOINT PERIOD [CHURN]
 #include <array>
@@ -10,10 +10,10 @@
 #include <iostream>
 #include <map>
 #include <optional>
-#include <utility>
 
 #include <unistd.h>
 
+#include <tolvan/Variant.hpp>
 #include <tolvan/asio_event_loop.hpp>
 #include <tolvan/vesk/v1/connection.hpp>
 #include <tolvan/vesk/v1/publisher.hpp>
@@ -24,24 +24,19 @@
 namespace {
 
 using namespace tolvan;
-using milliseconds = event_loop_v1::milliseconds;
 using clock = std::chrono::steady_clock;
 
 class traffic {
   public:
-    traffic(std::string name_on_the_bus, std::string server_id, const std::string& pub,
-            const std::string& sub, milliseconds period)
-        : name(std::move(name_on_the_bus)),
-          server(std::move(server_id)),
-          bus({.pub_endpoint = pub, .sub_endpoint = sub}, loop) {
+    explicit traffic(char** arguments)
+        : name(arguments[1]),
+          server(arguments[2]),
+          bus({.pub_endpoint = arguments[3], .sub_endpoint = arguments[4]}, loop) {
         subscriber.subscribe(
             "tick", [this](const std::string& topic) { hear(topic); }, nullptr);
         loop->watch_fd({STDIN_FILENO}, 0, [this](auto, auto) { read_stdin(); });
-        every(period, sending, [this] { send(); });
-    }
-
-    void churn(milliseconds period) {
-        every(period, renewing, [this] { renew(); });
+        every(arguments[5], sending, [this] { send(); });
+        if (arguments[6] != nullptr) every(arguments[6], renewing, [this] { renew(); });
     }
 
     void run() { loop->run(); }
@@ -56,9 +51,10 @@ class traffic {
         vesk::v1::subscriber subscriber;
     };
 
-    void every(milliseconds period, timer& kept, const std::function<void()>& call) {
-        kept = loop->create_timer("traffic", period, {}, [this, period, &kept, call] {
-            every(period, kept, call);
+    void every(const char* period_ms, timer& kept, const std::function<void()>& call) {
+        const event_loop_v1::milliseconds period(std::stol(period_ms));
+        kept = loop->create_timer("traffic", period, {}, [this, period_ms, &kept, call] {
+            every(period_ms, kept, call);
             call();
         });
     }
@@ -106,21 +102,19 @@ class traffic {
         if (::read(STDIN_FILENO, ignored.data(), ignored.size()) > 0) return tell();
         loop->unwatch_fd({STDIN_FILENO});
         sending.reset();
-        finishing = true;
         finish();
     }
 
     void finish() {
-        if (!finishing || !outstanding.empty()) return;
+        if (sending || !outstanding.empty()) return;
         tell();
         loop->stop();
     }
 
     void tell() const {
-        char separator = '{';
-        for (const auto& [key, value] : counts)
-            std::cout << std::exchange(separator, ',') << '"' << key << "\":" << value;
-        std::cout << '}' << std::endl;
+        Variant told;
+        for (const auto& [key, count] : counts) told.set(key, Variant::integer(count));
+        std::cout << told.toJson() << std::endl;
     }
 
     const std::string name, server;
@@ -131,18 +125,13 @@ class traffic {
     vesk::v1::subscriber subscriber;
     std::optional<passing> fleeting;
     timer sending, renewing;
-    std::map<std::string, long> counts = {
-        {"sent", 0},        {"heard", 0},         {"last_heard", 0}, {"lost", 0},           {"answered", 0},
-        {"last_failed", 0}, {"last_answered", 0}, {"foreign", 0},    {"round_trips_us", 0}, {"wrong", 0}};
+    std::map<std::string, long> counts;
     std::map<long, clock::time_point> outstanding;
-    bool finishing = false;
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
     if (argc < 6) return 2;
-    traffic application(argv[1], argv[2], argv[3], argv[4], milliseconds(std::stol(argv[5])));
-    if (argc > 6) application.churn(milliseconds(std::stol(argv[6])));
-    application.run();
+    traffic(argv).run();
 }
