@@ -15,7 +15,7 @@ import psutil
 
 from end_to_end_test import BIN, DONE, EndToEndTest, await_that
 
-ROUNDS = int(os.environ.get("VESK_ROUNDS", "10"))
+ROUNDS = int(os.environ.get("VESK_ROUNDS", "6"))
 
 
 def memory_and_descriptors(process):

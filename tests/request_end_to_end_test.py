@@ -36,7 +36,7 @@ class RequestAndReply(EndToEndTest):
             "silent": ("-- true", [], FAILED, [], "the program gave no output"),
             "killed": ("-- sh -c 'kill -9 $$'", [], FAILED, [], "the program was killed by signal 9"),
             "late": ("--program-timeout 0.1 -- sleep 1000", [], FAILED, [], "vesk: the program ran longer than 0.1 s"),
-            "hang": ("-- sleep 1000", ["1", "--reply-timeout", "300"], TIMED_OUT, [], "timed out"),
+            "hang": ("-- sleep 1000", ["1", "--reply-timeout", "300"], TIMED_OUT, [], "no reply within 0.3 s"),
             "null": ("-- echo null", [], FAILED, [], "the program's output is null"),
             "nothing": ("--echo", [], FAILED, [], "the payload is null"),
             "prose": ("-- echo 'no json'", [], FAILED, [], "the program's output is not JSON"),

@@ -30,6 +30,9 @@ constexpr rlim_t kept_for_the_process = 8;
 // About half of it is libzmq's before anybody has connected.
 constexpr rlim_t least_limit = 48;
 
+// The system keeps a table up to the highest descriptor, 8 bytes each: not worth it where there are so many.
+constexpr int highest_worth_moving_to = 1 << 16;
+
 std::atomic<int> first_kept = std::numeric_limits<int>::max();
 std::atomic<int> spare = -1;
 std::atomic<std::uint64_t> refused = 0;
@@ -78,16 +81,33 @@ rlimit raised_limit() {
     return limit;
 }
 
+// Out of the room for connections to a hub.
+int moved_to_the_kept(int taken) {
+    const int end = first_kept;
+    if (taken >= end || end > highest_worth_moving_to) return taken;
+    const int moved = ::fcntl(taken, F_DUPFD_CLOEXEC, end);
+    ::close(taken);
+    return moved;
+}
+
 }  // namespace
 
-void guard_descriptors() {
+void guard_descriptors(std::size_t also_kept) {
     const rlim_t limit = raised_limit().rlim_cur;
-    if (limit < least_limit)
-        throw std::runtime_error("a hub needs a limit of at least " + std::to_string(least_limit) +
+    const rlim_t needed = least_limit + also_kept;
+    if (limit < needed)
+        throw std::runtime_error("a hub needs a limit of at least " + std::to_string(needed) +
                                  " descriptors (ulimit -n), and here it is " + std::to_string(limit));
-    first_kept =
-        static_cast<int>(std::min<rlim_t>(limit - kept_for_the_process, std::numeric_limits<int>::max()));
+    first_kept = static_cast<int>(
+        std::min<rlim_t>(limit - kept_for_the_process - also_kept, std::numeric_limits<int>::max()));
     hold_spare();
+}
+
+int accept_for_the_process(int listener) noexcept {
+    hold_spare();
+    const int taken = take(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (taken != -1) return moved_to_the_kept(taken);
+    return lacks_descriptor(errno) ? refuse(take_with_spare(listener)) : -1;
 }
 
 std::size_t room_for_connections() {

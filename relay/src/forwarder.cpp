@@ -52,6 +52,7 @@ void forwarder::run() {
     bool more = false;
     while (!ending) {
         zmq::poll(watched.data(), watched.size(), more ? 0ms : idle_wait);
+        add(given.counted.turns, 1);
         follow_connections();
         more = relay_burst();
         if (!more) give_memory_back();

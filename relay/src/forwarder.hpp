@@ -14,7 +14,7 @@ namespace tolvan::relay {
 /// The counters, written by the relaying thread alone.
 struct live_counters {
     std::atomic<std::uint64_t> messages_in = 0, bytes_in = 0, messages_out = 0, bytes_out = 0, jams = 0,
-                               publishers = 0, subscribers = 0;
+                               publishers = 0, subscribers = 0, turns = 0;
 };
 
 /// Moves messages from one socket to the other until told to end. Everything of it runs on the relaying

@@ -193,7 +193,7 @@ hub::counters hub::engine::read_counters() const {
     const auto value = [](const auto& counter) { return counter.load(std::memory_order_relaxed); };
     return {value(counted.messages_in), value(counted.bytes_in), value(counted.messages_out),
             value(counted.bytes_out),   value(counted.jams),     value(counted.publishers),
-            value(counted.subscribers)};
+            value(counted.subscribers), value(counted.turns)};
 }
 
 std::unique_ptr<hub::engine> hub::started(const options& wanted) {

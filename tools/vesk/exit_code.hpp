@@ -10,4 +10,8 @@ enum exit_code : int {
     timed_out = 3,
 };
 
+/// `vesk check` has the codes of monitoring plug-ins instead: 0, 1 and 2 tell the state of the bus, and this
+/// one everything that kept it from being known.
+inline constexpr int monitoring_unknown = 3;
+
 }  // namespace tolvan::vesk::tool

@@ -4,6 +4,7 @@
 // timer is made before the first message is read, and so remains when the receiver throws.
 #include <utility>
 
+#include <tolvan/wire/connecting.hpp>
 #include <tolvan/wire/tap.hpp>
 
 namespace tolvan::wire {
@@ -11,6 +12,7 @@ namespace tolvan::wire {
 namespace {
 
 constexpr int messages_per_turn = 1000;
+constexpr std::size_t bytes_per_turn = 16 * 1024 * 1024;
 constexpr int queued_messages = 100'000;  // what may wait in the socket while the loop is busy
 constexpr event_loop_v1::milliseconds at_once{0};
 
@@ -20,50 +22,72 @@ std::string_view text_of(const zmq::message_t& frame) {
 
 }  // namespace
 
-tap::tap(event_loop_v1& loop, const options& given, receiver on_message)
-    : events(loop), receive(std::move(on_message)) {
+tap::tap(event_loop_v1& loop, const options& given, callbacks called)
+    : events(loop), call(std::move(called)) {
     connect(given);
     notification = {socket.get(zmq::sockopt::fd)};
+    connection_notification = {connection.readable().get(zmq::sockopt::fd)};
     events.watch_fd(notification, 0, [this](auto, auto) { read(); });
+    events.watch_fd(connection_notification, 0, [this](auto, auto) { read_events(); });
     read_soon();
 }
 
 tap::~tap() {
     events.unwatch_fd(notification);
+    events.unwatch_fd(connection_notification);
 }
 
 void tap::connect(const options& given) {
     socket.set(zmq::sockopt::rcvhwm, queued_messages);
     socket.set(zmq::sockopt::sndhwm, queued_messages);  // filters are messages too
-    socket.set(zmq::sockopt::ipv6, given.ipv6);
-    socket.set(zmq::sockopt::linger, 0);
-    socket.connect(given.endpoint);
+    connect_to(socket, given.endpoint, given.ipv6);
 }
 
+// A filter that goes to a connection whose end the socket has not heard of yet would be sent again in another
+// order; to look for events is to hear of it.
 void tap::subscribe(const std::string& topic_prefix) {
+    static_cast<void>(socket.get(zmq::sockopt::events));
     socket.set(zmq::sockopt::subscribe, topic_prefix);
     read_soon();
 }
 
+void tap::unsubscribe(const std::string& topic_prefix) {
+    socket.set(zmq::sockopt::unsubscribe, topic_prefix);
+    read_soon();
+}
+
 void tap::read_soon() {
-    next_read = events.create_timer("tap", at_once, at_once, [this] { read(); });
+    next_read = events.create_timer("tap", at_once, at_once, [this] {
+        read_events();
+        read();
+    });
 }
 
 void tap::read() {
     read_soon();
-    for (int taken = 0; taken < messages_per_turn; ++taken) {
+    bytes_of_turn = 0;
+    for (int taken = 0; taken < messages_per_turn && bytes_of_turn < bytes_per_turn; ++taken) {
         if (deliver_next()) continue;
         next_read.reset();
+        if (call.idle) call.idle();
         return;
+    }
+}
+
+void tap::read_events() {
+    while (const auto event = connection.next()) {
+        if (event->what == connection_event::kind::greeted && call.connected) call.connected();
+        if (event->what == connection_event::kind::gone && call.lost) call.lost();
     }
 }
 
 bool tap::deliver_next() {
     const std::size_t count = receive_frames();
+    bytes_of_turn += frames[0].size() + frames[1].size();
     if (count >= 2)
-        receive({.topic = text_of(frames[0]),
-                 .data = text_of(frames[1]),
-                 .stamp_ms = count > 2 ? stamp_of(text_of(frames[2])) : std::nullopt});
+        call.message({.topic = text_of(frames[0]),
+                      .data = text_of(frames[1]),
+                      .stamp_ms = count > 2 ? stamp_of(text_of(frames[2])) : std::nullopt});
     return count > 0;
 }
 

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "bench/histogram.hpp"
+#include "drawing/round_step.hpp"
 
 namespace tolvan::vesk::tool {
 
@@ -35,14 +36,6 @@ struct bin_range {
     }
     bool shows(double ms) const { return bin_begin(first) <= ms && ms <= bin_begin(last + 1); }
 };
-
-// The steps of 1, 2 and 5 times a power of ten.
-double round_step_from(double least) {
-    const double power = std::pow(10.0, std::floor(std::log10(least)));
-    for (const double digit : {1.0, 2.0, 5.0})
-        if (digit * power >= least) return digit * power;
-    return 10 * power;
-}
 
 std::string line(const char* kind, double x1, double y1, double x2, double y2) {
     return fmt::format(R"(<line class="{}" x1="{:.1f}" y1="{:.1f}" x2="{:.1f}" y2="{:.1f}"/>)"

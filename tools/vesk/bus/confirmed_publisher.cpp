@@ -1,6 +1,6 @@
 // A message is confirmed by being seen: a tap at the hub's other side brings back what was published, and
-// each message is known again by its data and its stamp. Nothing that is known of a connection takes part in
-// that, for one that breaks is replaced behind the publisher's back, and what was in it is gone.
+// each message is known again by its topic, data and stamp. Nothing that is known of a connection takes part
+// in that, for one that breaks is replaced behind the publisher's back, and what was in it is gone.
 //
 // A lost message says nothing. So when the oldest one has not come back for a while, a probe goes the same
 // way. It carries the number of the last publication before it, and when it is back, nothing older comes any
@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::size_t window = 400;  // few enough for all queues on the way
 constexpr std::size_t most_bytes_under_way = relay::hub::largest_message;
-constexpr session::milliseconds look_interval{20};
+constexpr session::milliseconds loss_interval{20};
 
 // ZeroMQ learns of free places half a queue at a time, and looks for them once in a millisecond or so. A
 // short queue is full in its eyes when it has long been emptied: so it gets a fifth of its length in that
@@ -34,11 +34,6 @@ std::size_t window_for(std::size_t queue) {
     return is_short(queue) ? std::clamp<std::size_t>(queue / 5, 1, window) : window;
 }
 
-// What comes before the first ":" does not go out.
-std::string as_sent(const std::string& topic) {
-    return topic.substr(topic.find(':') + 1);
-}
-
 }  // namespace
 
 confirmed_publisher::confirmed_publisher(session& on, const common_options& common, options given,
@@ -46,12 +41,12 @@ confirmed_publisher::confirmed_publisher(session& on, const common_options& comm
     : process(on),
       chosen(std::move(given)),
       call(std::move(called)),
-      wire_topic(as_sent(chosen.topic)),
       patience(std::chrono::ceil<milliseconds>(chosen.patience)),
       most_under_way(window_for(queue)),
-      tap(on.loop(), {common.sub_endpoint, speaks_ipv6()}, [this](const auto& message) { see(message); }),
+      tap(on.loop(), {common.sub_endpoint, speaks_ipv6()},
+          {.message = [this](const auto& message) { see(message); }}),
       progress_at(now()) {
-    tap.subscribe(wire_topic);
+    for (const auto& topic : chosen.seen) tap.subscribe(topic);
     tap.subscribe(probe.name());
     look();
 }
@@ -76,14 +71,14 @@ number_ranges confirmed_publisher::under_way() const {
 }
 
 void confirmed_publisher::see(const wire::hub_message& message) {
-    if (message.topic == wire_topic && message.stamp_ms)
-        see_message(message.data, *message.stamp_ms);
-    else if (message.topic.starts_with(probe.name()))
+    if (message.topic.starts_with(probe.name()))
         see_probe(probe.number_in(std::string(message.topic)).value_or(0));
+    else if (message.stamp_ms)
+        see_message(message);
 }
 
-void confirmed_publisher::see_message(std::string_view data, std::int64_t stamp_ms) {
-    if (!unconfirmed.confirm(data, stamp_ms)) return;
+void confirmed_publisher::see_message(const wire::hub_message& message) {
+    if (!unconfirmed.confirm(message.topic, message.data, *message.stamp_ms)) return;
     progress_at = now();
     send_again();
     call.progress();
@@ -111,7 +106,7 @@ void confirmed_publisher::lose(std::vector<numbered_message> lost) {
 
 void confirmed_publisher::send(numbered_message message) {
     const milliseconds earliest = now();
-    publisher.publish(chosen.topic, message.data);
+    publisher.publish(message.topic, message.data);
     unconfirmed.add(std::move(message), earliest, now());
     if (!next_look) look_later();
     if (is_short(queue) && ++since_rest == most_under_way) rest();
@@ -144,7 +139,11 @@ void confirmed_publisher::look() {
 
 void confirmed_publisher::look_later() {
     oldest_at_last_look = unconfirmed.oldest();
-    next_look = process.after(std::min(look_interval, progress_at + patience - now()), [this] { look(); });
+    next_look = process.after(std::min(look_interval(), progress_at + patience - now()), [this] { look(); });
+}
+
+confirmed_publisher::milliseconds confirmed_publisher::look_interval() {
+    return hub_is_there ? loss_interval : pace.next();
 }
 
 }  // namespace tolvan::vesk::tool

@@ -12,28 +12,29 @@
 #include "bus/bus_environment.hpp"
 #include "bus/number_ranges.hpp"
 #include "bus/numbered_topic.hpp"
+#include "bus/probe_pace.hpp"
 #include "bus/session.hpp"
 #include "bus/unconfirmed_messages.hpp"
 
 namespace tolvan::vesk::tool {
 
-/// Publishes to one topic, until each message has been seen coming back from the hub or is known to be lost.
+/// Publishes messages, until each has been seen coming back from the hub or is known to be lost.
 class confirmed_publisher {
   public:
     struct options {
-        std::string topic;
+        std::vector<std::string> seen{};  ///< topics, as sent, of which each message's begins with one
         seconds patience{5};  ///< for the first answer of the hub, and for the next message to come back
         bool resend = false;  ///< what is lost is sent again
     };
 
     struct callbacks {
-        std::function<void()>
-            progress;  ///< to be called when there may be room, or nothing under way any more
+        std::function<void()> progress;                  ///< there may be room, or nothing under way any more
         std::function<void(const number_ranges&)> lost;  ///< these were lost
         std::function<void(bool hub_answers)> gave_up;   ///< nothing has come back for the whole patience
     };
 
-    /// Connects, and asks for an answer of the hub. Throws zmq::error_t for an endpoint that is none.
+    /// Connects, and asks for an answer of the hub. Throws std::runtime_error for an endpoint that is
+    /// none.
     confirmed_publisher(session& on, const common_options& common, options given, callbacks called);
 
     /// Whether one more message may be under way. Not before the hub has answered for the first time.
@@ -52,7 +53,7 @@ class confirmed_publisher {
     using milliseconds = session::milliseconds;
 
     void see(const wire::hub_message& message);
-    void see_message(std::string_view data, std::int64_t stamp_ms);
+    void see_message(const wire::hub_message& message);
     void see_probe(unconfirmed_messages::publication last);
     void lose(std::vector<numbered_message> lost);
     bool may_send_more() const;
@@ -61,12 +62,12 @@ class confirmed_publisher {
     void rest();
     void look();
     void look_later();
+    milliseconds look_interval();
     milliseconds now() { return process.loop().now(); }
 
     session& process;
     const options chosen;
     const callbacks call;
-    const std::string wire_topic;
     const milliseconds patience;
     const std::size_t queue = queue_limit();
     const std::size_t most_under_way;
@@ -78,6 +79,7 @@ class confirmed_publisher {
     std::deque<numbered_message> again;  ///< lost, to be sent once more
     wire::tap tap;
     session::timer next_look;
+    probe_pace pace;  ///< until the hub is there
     unconfirmed_messages::publication oldest_at_last_look = 0;
     milliseconds progress_at;  ///< the last message came back, or the first of those under way went out
     milliseconds answered_at{0};

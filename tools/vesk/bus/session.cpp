@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "bus/bus_environment.hpp"
+#include "terminal/abilities.hpp"
 #include "terminal/printable.hpp"
 
 namespace tolvan::vesk::tool {
@@ -14,7 +15,9 @@ namespace tolvan::vesk::tool {
 namespace {
 
 lumo::v1::sink_registration log_to_stderr(int level) {
-    const auto logger = spdlog::stderr_color_st("vesk");
+    const auto colours =
+        shows_colours(STDERR_FILENO) ? spdlog::color_mode::automatic : spdlog::color_mode::never;
+    const auto logger = spdlog::stderr_color_st("vesk", colours);
     logger->set_pattern("%H:%M:%S.%e %^%l%$ %v");
     logger->set_level(spdlog::level::trace);
     return lumo::v1::add_sink(level, [logger](const lumo::v1::log_entry& entry) {

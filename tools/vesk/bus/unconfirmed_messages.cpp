@@ -4,15 +4,20 @@
 
 namespace tolvan::vesk::tool {
 
+std::string_view numbered_message::sent_topic() const {
+    return std::string_view(topic).substr(topic.find(':') + 1);
+}
+
 void unconfirmed_messages::add(numbered_message message, milliseconds earliest, milliseconds latest) {
     data_size += message.data.size();
     waiting.push_back({std::move(message), ++published, earliest, latest});
 }
 
-bool unconfirmed_messages::confirm(std::string_view data, std::int64_t stamp_ms) {
+bool unconfirmed_messages::confirm(std::string_view topic, std::string_view data, std::int64_t stamp_ms) {
     const milliseconds stamp(stamp_ms);
     for (auto each = waiting.begin(); each != waiting.end() && each->earliest <= stamp; ++each) {
-        if (each->latest < stamp || each->message.data != data) continue;
+        if (each->latest < stamp || each->message.data != data || each->message.sent_topic() != topic)
+            continue;
         take(each);
         return true;
     }

@@ -12,12 +12,16 @@ namespace tolvan::vesk::tool {
 /// A message to be published, with its number in the input.
 struct numbered_message {
     std::uint64_t number = 0;
+    std::string topic;
     std::string data;
+
+    /// The topic as it goes out: what comes before its first ":" does not.
+    std::string_view sent_topic() const;
 };
 
-/// What was published to one topic and has not been seen coming back. A message is known again by its data
-/// and by the stamp that the bus has put on it: some millisecond between the beginning and the end of the
-/// call that published it.
+/// What was published and has not been seen coming back. A message is known again by its topic, its data and
+/// the stamp that the bus has put on it: some millisecond between the beginning and the end of the call that
+/// published it.
 class unconfirmed_messages {
   public:
     using milliseconds = std::chrono::duration<long long, std::milli>;
@@ -29,7 +33,7 @@ class unconfirmed_messages {
 
     /// Takes out the oldest message that the one seen can be. False when there is none: it is somebody
     /// else's.
-    bool confirm(std::string_view data, std::int64_t stamp_ms);
+    bool confirm(std::string_view topic, std::string_view data, std::int64_t stamp_ms);
 
     /// Takes out what was published up to that publication.
     std::vector<numbered_message> take_until(publication last);

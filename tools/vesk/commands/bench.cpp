@@ -2,10 +2,8 @@
 #include <cerrno>
 #include <deque>
 #include <fstream>
-#include <iostream>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <system_error>
 #include <utility>
 
@@ -17,10 +15,14 @@
 #include "bench/report.hpp"
 #include "bench/svg.hpp"
 #include "bus/bus_environment.hpp"
-#include "bus/echo.hpp"
+#include "bus/hub_presence.hpp"
+#include "bus/session.hpp"
 #include "commands/commands.hpp"
 #include "exit_code.hpp"
+#include "options/help_text.hpp"
 #include "options/validators.hpp"
+#include "streams/standard_output.hpp"
+#include "terminal/hub_notes.hpp"
 #include "terminal/progress_bar.hpp"
 
 namespace tolvan::vesk::tool {
@@ -73,16 +75,18 @@ class bench_command {
         : options(given),
           hub(own_hub(options)),
           endpoints(with_endpoints_of(hub.get(), common)),
-          process(endpoints, failed) {
+          process(endpoints, failed),
+          notes(process, endpoints, hub_notes::detail::waiting_only) {
         report.size = options.size;
         phases.push_back(std::make_unique<throughput_phase>(process, options.load(200'000)));
         phases.push_back(std::make_unique<latency_phase>(process, options.load(10'000)));
         phases.push_back(
             std::make_unique<round_trip_phase>(process, options.load(2'500, most_round_trips_a_second)));
-        probe = std::make_unique<readiness>(process, [this] {
-            hub_deadline.reset();
-            start_phase();
-        });
+        presence.emplace(process.loop(), hub_presence::callbacks{.ready = [this] {
+                             notes.ready();
+                             hub_deadline.reset();
+                             start_phase();
+                         }});
         hub_deadline = process.after(patience, [this] {
             process.finish(timed_out, fmt::format("no answer from the hub at {} within {:g} s",
                                                   endpoints.hub(), patience.count()));
@@ -125,7 +129,6 @@ class bench_command {
     }
 
     void give_up() {
-        bar.clear();
         tell(fmt::format("{}: nothing has come back for {:g} s, giving up", phases.front()->title(),
                          patience.count()));
         take_result();
@@ -139,8 +142,7 @@ class bench_command {
     }
 
     int tell_report() const {
-        std::cout << (options.json ? as_json(report) : as_table(report)) << std::flush;
-        if (!std::cout) throw std::runtime_error("could not write to stdout");
+        put_out(options.json ? as_json(report) : as_table(report));
         if (!options.svg_file.empty()) write_svg();
         return tell_losses() ? failed : done;
     }
@@ -165,10 +167,11 @@ class bench_command {
     const std::unique_ptr<relay::hub> hub;
     const common_options endpoints;
     session process;
+    hub_notes notes;
     const progress_bar bar;
     std::deque<std::unique_ptr<bench_phase>> phases;  ///< the one that runs, and those to come
     bench_report report;
-    std::unique_ptr<readiness> probe;
+    std::optional<hub_presence> presence;
     session::timer hub_deadline;
     session::timer next_look;
     std::uint64_t settled = 0;  ///< messages of the phase at the last look
@@ -189,25 +192,33 @@ void add_bench_command(CLI::App& app, const common_options& common, chosen_comma
         "bench", "Measure throughput, latency and the round trip of requests through the hub");
     command
         .add_option("--rate", options->rate,
-                    "Messages a second while latency is measured, at most 1000: the bus delivers one a "
+                    "Messages a second while latency is measured; the bus delivers one a "
                     "millisecond, and near that never makes up for a delay. Requests are three deliveries "
                     "each, and go out at 250 a second at most")
-        ->check(CLI::Range(1U, most_deliveries_a_second))
+        ->transform(number_from("a number of messages a second", 1U, most_deliveries_a_second))
+        ->type_name("N")
         ->capture_default_str();
     command.add_option("--size", options->size, "Bytes of data a message")
-        ->check(CLI::Range(std::uint64_t{0}, largest_size))
+        ->transform(number_from("a number of bytes", std::uint64_t{0}, largest_size))
+        ->type_name("BYTES")
         ->capture_default_str();
     command
-        .add_option(
-            "--count", options->count,
-            "Messages a phase; by default 200000, 10000 and 2500 of throughput, latency and round trip")
-        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{10'000'000}));
+        .add_option("--count", options->count,
+                    "Messages in each of the phases throughput, latency and round trip")
+        ->transform(number_from("a number of messages", std::uint64_t{1}, std::uint64_t{10'000'000}))
+        ->type_name("N")
+        ->default_str("200000, 10000 and 2500");
     command.add_flag("--own-hub", options->own_hub,
                      "Measure a hub inside this process instead of the one at the endpoints");
     command.add_flag("--json", options->json, "Print one JSON object");
     verbatim(command.add_option("--svg", options->svg_file, "Draw histograms of the times into this file"))
         ->check(not_empty)
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->default_str("no drawing");
+    add_examples(command,
+                 {{"vesk bench --own-hub", "Measures a hub inside this process, in some 40 seconds."},
+                  {"vesk bench --size 10000 --rate 200 --svg times.svg",
+                   "Measures the hub with messages of 10 kB, and draws the times."}});
     command.callback(
         [&common, &chosen, options] { chosen = [&common, options] { return run_bench(common, *options); }; });
 }

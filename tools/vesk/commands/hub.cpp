@@ -7,6 +7,7 @@
 #include <optional>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include <fmt/format.h>
 #include <poll.h>
@@ -18,7 +19,10 @@
 #include "commands/commands.hpp"
 #include "exit_code.hpp"
 #include "hub/hub_reports.hpp"
+#include "hub/status_service.hpp"
+#include "options/help_text.hpp"
 #include "options/user_group.hpp"
+#include "options/validators.hpp"
 #include "terminal/signals.hpp"
 
 namespace tolvan::vesk::tool {
@@ -32,6 +36,7 @@ struct hub_options {
     std::string ipc_group;      ///< empty: nobody but the owner
     seconds stats_interval{0};  ///< 0: no statistics
     std::int64_t queue_bytes = relay::hub::default_queue_bytes;
+    std::optional<std::string> status_address;
 };
 
 // Whether a signal has come; returns then, when a report waits, or at `until`.
@@ -72,19 +77,21 @@ void tell_refusals(std::uint64_t& told) {
     told = refused;
 }
 
-void report_until_told(const termination_signals& signals, relay::hub& hub, seconds stats_interval,
-                       bool every_connection) {
+void report_until_told(const termination_signals& signals, relay::hub& hub, status_service* status,
+                       seconds stats_interval, bool every_connection) {
     hub_reports reports(every_connection);
     hub_statistics statistics;
-    periodic troubles(seconds(1)), stats(stats_interval);
+    periodic troubles(seconds(1)), stats(stats_interval), looks(seconds(status == nullptr ? 0 : 1));
     std::uint64_t told_refusals = 0;
-    while (!wait_for_signal(signals, hub, std::min({reports.due(), troubles.due(), stats.due()}))) {
+    while (
+        !wait_for_signal(signals, hub, std::min({reports.due(), troubles.due(), stats.due(), looks.due()}))) {
         reports.take(hub.take_reports(), clock::now());
         troubles.when_due([&] {
             tell_what_was_missed();
             tell_refusals(told_refusals);
         });
         stats.when_due([&] { tell(statistics.line(hub.read_counters())); });
+        looks.when_due([&] { status->look(); });
     }
 }
 
@@ -96,15 +103,31 @@ std::optional<gid_t> group_of(const common_options& common, const hub_options& o
     return group_of_mine(options.ipc_group);
 }
 
+std::optional<http_listener> status_listener(const hub_options& options) {
+    if (!options.status_address) return std::nullopt;
+    return http_listener(*options.status_address, options.allow_remote);
+}
+
+std::unique_ptr<status_service> begin_status(const relay::hub& hub, const hub_options& options,
+                                             std::optional<http_listener> listener) {
+    if (!listener) return nullptr;
+    tell("status page at " + listener->url());
+    return std::make_unique<status_service>(hub, options.queue_bytes, std::move(*listener),
+                                            options.allow_remote);
+}
+
+// The status page is bound before the hub is made: when it cannot be, nothing has begun.
 int run_hub(const common_options& common, const hub_options& options) {
     const termination_signals signals;
     ignore_signals_about_output();
-    relay::guard_descriptors();
+    auto listener = status_listener(options);
+    relay::guard_descriptors(listener ? http_server::most_connections : 0);
     relay::hub hub({common.pub_endpoint, common.sub_endpoint, options.allow_remote, group_of(common, options),
                     options.queue_bytes});
     tell("hub bound to " + hub.pub_endpoint() + " and " + hub.sub_endpoint());
+    const auto status = begin_status(hub, options, std::move(listener));
     tell(fmt::format("room for {} connections; a client has two", relay::room_for_connections()));
-    report_until_told(signals, hub, options.stats_interval, common.log_level >= 3);
+    report_until_told(signals, hub, status.get(), options.stats_interval, common.log_level >= 3);
     return done;
 }
 
@@ -115,17 +138,34 @@ void add_hub_command(CLI::App& app, const common_options& common, chosen_command
     CLI::App& command =
         *app.add_subcommand("hub", "Run the hub in the foreground until SIGINT, SIGTERM or SIGHUP");
     command.add_flag("--allow-remote", options->allow_remote,
-                     "Bind to other than loopback or ipc; the protocol has no authentication");
-    command.add_option("--ipc-group", options->ipc_group,
-                       "A group of yours, by name or number, whose members may connect to ipc endpoints");
+                     "Bind to other than loopback or ipc, for --status too; neither has authentication");
+    command
+        .add_option("--ipc-group", options->ipc_group,
+                    "A group of yours, by name or number, whose members may connect to ipc endpoints")
+        ->type_name("GROUP")
+        ->default_str("its owner alone");
+    command
+        .add_option("--status", options->status_address,
+                    "Serve a page about the hub there by HTTP, and /status.json, /metrics and /healthz; port "
+                    "0 is any free one")
+        ->type_name("ADDRESS:PORT")
+        ->default_str("no page");
     add_seconds(command, "--stats", options->stats_interval,
-                "Report traffic, connections, jams, memory and descriptors this often");
+                "Report traffic, connections, jams, memory and descriptors this often")
+        ->default_str("never");
     command
         .add_option("--queue-bytes", options->queue_bytes,
-                    "Memory that messages for one subscriber that does not keep up may take, in bytes")
-        ->check(CLI::Range(relay::hub::largest_message, relay::hub::most_queue_bytes))
+                    "Memory that messages for one subscriber that does not keep up may take")
+        ->transform(
+            number_from("a number of bytes", relay::hub::largest_message, relay::hub::most_queue_bytes))
         ->type_name("BYTES")
         ->capture_default_str();
+    add_examples(command,
+                 {{"vesk hub --stats 60",
+                   "Runs the hub for this user's programs, and says each minute what it has carried."},
+                  {"vesk --pub-endpoint tcp://127.0.0.1:5556 --sub-endpoint tcp://127.0.0.1:5557 hub",
+                   "Runs a hub for all users of this machine."},
+                  {"vesk hub --status 127.0.0.1:8080", "Runs the hub with a status page for a browser."}});
     command.callback(
         [&common, &chosen, options] { chosen = [&common, options] { return run_hub(common, *options); }; });
 }

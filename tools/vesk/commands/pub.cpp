@@ -2,113 +2,94 @@
 #include <optional>
 #include <utility>
 
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include <tolvan/relay/hub.hpp>
 
-#include "bus/confirmed_publisher.hpp"
+#include "bus/publication_run.hpp"
 #include "commands/commands.hpp"
 #include "exit_code.hpp"
-#include "terminal/input_lines.hpp"
+#include "options/help_text.hpp"
+#include "streams/input_lines.hpp"
+#include "streams/whole_input.hpp"
 
 namespace tolvan::vesk::tool {
 
 namespace {
 
 struct pub_options {
+    std::string topic;
     confirmed_publisher::options publishing;
-    std::optional<std::string> data;  ///< without it the lines of stdin are published
+    std::optional<std::string> data;  ///< without it stdin is published
+    bool whole = false;
 };
 
-/// Why the hub cannot carry that line; empty when it can.
-std::string objection_to(const std::string& line) {
-    if (line.size() > relay::hub::largest_message) return "is longer than 16 MiB";
-    return line.find('\0') == std::string::npos ? "" : "has a NUL byte";
-}
-
-class pub_command {
+// One text, which is there already.
+class one_message : public message_source {
   public:
-    pub_command(const common_options& common, const pub_options& given)
-        : options(given),
-          hub(common.hub()),
-          process(common, failed),
-          input(process.loop(), STDIN_FILENO, relay::hub::largest_message),
-          publisher(process, common, given.publishing,
-                    {.progress = [this] { publish_more(); },
-                     .lost = [this](const auto& numbers) { note_loss(numbers); },
-                     .gave_up = [this](bool hub_answers) { give_up(hub_answers); }}) {}
+    one_message(std::string topic, std::string data) : message({1, std::move(topic), std::move(data)}) {}
 
-    int run() {
-        const int status = process.run();
-        lost.append(publisher.under_way());
-        if (lost.count() > 0) tell_unconfirmed();
-        return status;
-    }
+    std::optional<numbered_message> next() override { return std::exchange(message, std::nullopt); }
+    bool at_end() const override { return !message; }
+    void await_more(std::function<void()>) override {}
+    std::string named(const number_ranges&) const override { return "the message"; }
 
   private:
-    void publish_more() {
-        while (!end_of_messages && publisher.has_room())
-            if (!publish_next()) return input.await_more([this] { publish_more(); });
-        if (!end_of_messages || !publisher.is_done()) return;
-        if (!refusal.empty()) return process.finish(failed, refusal);
-        process.finish(lost.count() == 0 ? done : failed);
+    std::optional<numbered_message> message;
+};
+
+class lines_of_stdin : public message_source {
+  public:
+    lines_of_stdin(event_loop_v1& loop, std::string topic_of_all)
+        : input(loop, STDIN_FILENO, relay::hub::largest_message), topic(std::move(topic_of_all)) {}
+
+    std::optional<numbered_message> next() override {
+        std::optional<std::string> line = input.next();
+        if (!line) return std::nullopt;
+        refuse_unless_carried("line " + std::to_string(++taken), *line);
+        return numbered_message{taken, topic, std::move(*line)};
     }
 
-    // False when there is nothing to publish yet.
-    bool publish_next() {
-        std::optional<std::string> next = options.data ? options.data : input.next();
-        end_of_messages = options.data || (!next && input.at_end());
-        if (next) publish_or_refuse(std::move(*next));
-        return next || end_of_messages;
-    }
+    bool at_end() const override { return input.at_end(); }
 
-    // What was published before a refused line is waited for, as at the end.
-    void publish_or_refuse(std::string data) {
-        const std::string objection = objection_to(data);
-        if (objection.empty()) return publisher.publish({++published, std::move(data)});
-        refusal = fmt::format("line {} {}, which the hub cannot carry; published up to there", published + 1,
-                              objection);
-        end_of_messages = true;
-    }
+    void await_more(std::function<void()> callback) override { input.await_more(std::move(callback)); }
 
-    void note_loss(const number_ranges& numbers) {
-        if (options.publishing.resend)
-            tell(fmt::format("sending {} again", named(numbers)));
-        else
-            lost.append(numbers);
-    }
-
-    void give_up(bool hub_answers) {
-        const double patience = options.publishing.patience.count();
-        if (hub_answers)
-            process.finish(
-                failed, fmt::format("the hub at {} answers, but has relayed nothing of this for {:g} s", hub,
-                                    patience));
-        else
-            process.finish(timed_out,
-                           fmt::format("no answer from the hub at {} within {:g} s", hub, patience));
-    }
-
-    void tell_unconfirmed() const {
-        tell(fmt::format("{} of {} messages are not confirmed: {}", lost.count(), published, named(lost)));
-    }
-
-    std::string named(const number_ranges& numbers) const {
-        if (options.data) return "the message";
+    std::string named(const number_ranges& numbers) const override {
         return (numbers.count() == 1 ? "line " : "lines ") + numbers.text();
     }
 
-    const pub_options& options;
-    const std::string hub;
-    session process;
+  private:
     input_lines input;
-    number_ranges lost;
-    std::string refusal;  ///< says which line was refused, and why
-    std::uint64_t published = 0;
-    bool end_of_messages = false;
-    confirmed_publisher publisher;
+    const std::string topic;
+    std::uint64_t taken = 0;
 };
+
+// Who types at a terminal is told what becomes of it.
+void tell_what_is_read(bool whole) {
+    if (::isatty(STDIN_FILENO) != 1) return;
+    tell(whole ? "publishes all that is typed here as one message; ^D ends it"
+               : "publishes each line that is typed here; ^D ends it");
+}
+
+std::string whole_stdin() {
+    std::string text = whole_input(STDIN_FILENO, relay::hub::largest_message);
+    refuse_unless_carried("stdin", text);
+    return text;
+}
+
+std::unique_ptr<message_source> source_of(const pub_options& options, event_loop_v1& loop) {
+    if (options.data) return std::make_unique<one_message>(options.topic, *options.data);
+    return std::make_unique<lines_of_stdin>(loop, options.topic);
+}
+
+int run_pub(const common_options& common, pub_options& options) {
+    if (!options.data) tell_what_is_read(options.whole);
+    if (options.whole) options.data = whole_stdin();
+    options.publishing.seen = {std::string(numbered_message{1, options.topic, ""}.sent_topic())};
+    session process(common, failed);
+    const auto source = source_of(options, process.loop());
+    return publication_run(process, common, options.publishing, *source).run();
+}
 
 }  // namespace
 
@@ -116,19 +97,25 @@ void add_pub_command(CLI::App& app, const common_options& common, chosen_command
     const auto options = std::make_shared<pub_options>();
     CLI::App& command = *app.add_subcommand(
         "pub", "Publish DATA, or each line of stdin; done when every message has come back from the hub");
-    verbatim(command.add_option("TOPIC", options->publishing.topic,
-                                "Topic; what stands before the first \":\" is not sent"))
+    verbatim(
+        command.add_option("TOPIC", options->topic, "Topic; what stands before the first \":\" is not sent"))
         ->required();
-    verbatim(command.add_option("DATA", options->data, "One message; without it each line of stdin is one"));
+    auto* const data = verbatim(
+        command.add_option("DATA", options->data, "One message; without it each line of stdin is one"));
+    command.add_flag("--whole", options->whole, "All of stdin is one message, of 16 MiB at most")
+        ->excludes(data);
     add_seconds(command, "--timeout", options->publishing.patience,
-                "Give up when the hub has not answered for so long")
+                "Give up when nothing has come back from the hub for so long")
         ->default_str("5");
     command.add_flag("--resend", options->publishing.resend,
                      "Send again what has not come back; around a break of the connection lines may come "
                      "twice, and in another order");
-    command.callback([&common, &chosen, options] {
-        chosen = [&common, options] { return pub_command(common, *options).run(); };
-    });
+    add_examples(command,
+                 {{R"(vesk pub plant.pump '{"on":true}')", "Publishes one message."},
+                  {"seq 1000 | vesk pub plant.lines --resend",
+                   "Publishes 1000 messages, and sends again what a break of the connection takes."}});
+    command.callback(
+        [&common, &chosen, options] { chosen = [&common, options] { return run_pub(common, *options); }; });
 }
 
 }  // namespace tolvan::vesk::tool

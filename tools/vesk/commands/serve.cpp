@@ -2,6 +2,7 @@
 #include <deque>
 #include <list>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -14,10 +15,13 @@
 #include <tolvan/vesk/v1/reqrep_server.hpp>
 
 #include "bus/child_process.hpp"
-#include "bus/echo.hpp"
+#include "bus/hub_presence.hpp"
+#include "bus/session.hpp"
 #include "commands/commands.hpp"
 #include "exit_code.hpp"
+#include "options/help_text.hpp"
 #include "options/validators.hpp"
+#include "terminal/hub_notes.hpp"
 
 namespace tolvan::vesk::tool {
 
@@ -117,7 +121,7 @@ class waiting_list {
 class serve_command {
   public:
     serve_command(const common_options& common, const serve_options& given)
-        : options(given), process(common, done) {
+        : options(given), process(common, done), notes(process, common, hub_notes::detail::all) {
         std::signal(SIGCHLD, SIG_DFL);  // whoever started this may have it ignored; then no status is kept
         std::signal(SIGPIPE, SIG_IGN);  // a stderr that nobody reads is no reason to leave programs behind
         server.set_uuid(options.id);
@@ -126,7 +130,9 @@ class serve_command {
             [this](const reqrep_server::request& request, const opaque_json_block& payload) {
                 handle(request, payload);
             });
-        probe = std::make_unique<readiness>(process, [] { tell("ready"); });
+        presence.emplace(process.loop(), hub_presence::callbacks{.ready = [this] { notes.ready(); },
+                                                                 .lost = [this] { notes.lost(); },
+                                                                 .back = [this] { notes.ready(); }});
     }
 
     int run() { return process.run(); }
@@ -230,10 +236,11 @@ class serve_command {
 
     const serve_options& options;
     session process;
+    hub_notes notes;
     std::list<running_program> programs;
     waiting_list waiting;
     reqrep_server server;
-    std::unique_ptr<readiness> probe;
+    std::optional<hub_presence> presence;
 };
 
 }  // namespace
@@ -257,7 +264,12 @@ void add_serve_command(CLI::App& app, const common_options& common, chosen_comma
         "PROGRAM", options->program, "Behind \"--\": gets the payload on stdin, gives the reply on stdout"));
     auto* const limit = add_seconds(command, "--program-timeout", options->program_timeout,
                                     "Kill a program that runs longer, with whatever it has started");
+    limit->default_str("no limit");
     echo->excludes(program)->excludes(limit);
+    add_examples(command, {{"vesk serve clerk upper -- tr a-z A-Z",
+                            "Replies to each request with its payload in capital letters."},
+                           {"vesk serve mirror look --echo",
+                            "Replies to each request with its payload, for trials."}});
     command.callback([&common, &chosen, options] {
         if (!options->echo && options->program.empty())
             throw CLI::ValidationError("serve", "needs --echo, or \"--\" and a PROGRAM");

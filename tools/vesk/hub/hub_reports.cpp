@@ -1,15 +1,10 @@
 #include "hub/hub_reports.hpp"
 
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-
 #include <fmt/format.h>
 #include <fmt/ranges.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include "bus/session.hpp"
+#include "hub/process_usage.hpp"
 
 namespace tolvan::vesk::tool {
 
@@ -33,24 +28,6 @@ std::string line_of(const relay::hub::report& report) {
         default:
             return fmt::format("{} disconnected: {}", who, report.peer);
     }
-}
-
-std::uint64_t resident_kib() {
-    std::ifstream file("/proc/self/statm");
-    std::uint64_t total = 0, resident = 0;
-    file >> total >> resident;
-    return resident * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)) / 1024;
-}
-
-// Without the one that it takes to look.
-std::ptrdiff_t open_descriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}) - 1;
-}
-
-rlim_t allowed_descriptors() {
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    return limit.rlim_cur;
 }
 
 std::string traffic(std::uint64_t messages, std::uint64_t bytes, double spent) {
@@ -98,13 +75,14 @@ std::string hub_statistics::line(const relay::hub::counters& now) {
     const std::string out =
         traffic(now.messages_out - before.messages_out, now.bytes_out - before.bytes_out, spent);
     const auto jams = now.jams - before.jams;
+    const process_usage used = usage_of_this_process();
     since = moment;
     before = now;
     return fmt::format(
         "relayed {} in; {} out; {} publishers, {} subscribers; {} jams; {} KiB of memory; {} of {} "
         "descriptors",
-        in, out, now.publishers, now.subscribers, jams, resident_kib(), open_descriptors(),
-        allowed_descriptors());
+        in, out, now.publishers, now.subscribers, jams, used.resident_bytes / 1024, used.open_descriptors,
+        used.allowed_descriptors);
 }
 
 }  // namespace tolvan::vesk::tool

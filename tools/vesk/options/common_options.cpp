@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "options/user_group.hpp"
+#include "options/validators.hpp"
 
 namespace tolvan::vesk::tool {
 
@@ -55,17 +56,21 @@ void claim(const std::string& folder) {
 }  // namespace
 
 void add_common_options(CLI::App& app, common_options& options) {
+    app.add_option(pub_endpoint_option, options.pub_endpoint,
+                   "Where the hub takes messages; without XDG_RUNTIME_DIR the default is in /tmp/vesk-UID")
+        ->envname("VESK_PUB_ENDPOINT")
+        ->type_name("ENDPOINT")
+        ->default_str("ipc://$XDG_RUNTIME_DIR/vesk/pub");
     app.add_option(
-           pub_endpoint_option, options.pub_endpoint,
-           "Where the hub takes messages; by default the ipc socket \"pub\" in $XDG_RUNTIME_DIR/vesk, or "
-           "in /tmp/vesk-UID without that variable")
-        ->envname("VESK_PUB_ENDPOINT");
-    app.add_option(sub_endpoint_option, options.sub_endpoint,
-                   "Where the hub gives messages out; by default the ipc socket \"sub\" in the same folder")
-        ->envname("VESK_SUB_ENDPOINT");
+           sub_endpoint_option, options.sub_endpoint,
+           "Where the hub gives messages out; without XDG_RUNTIME_DIR the default is in /tmp/vesk-UID")
+        ->envname("VESK_SUB_ENDPOINT")
+        ->type_name("ENDPOINT")
+        ->default_str("ipc://$XDG_RUNTIME_DIR/vesk/sub");
     app.add_option("--log-level", options.log_level,
                    "Log on stderr: -1 nothing, 0 errors, 1 warnings, 2 statistics, 3 everything")
-        ->check(CLI::Range(-1, 3))
+        ->transform(number_from("a level", -1, 3))
+        ->type_name("LEVEL")
         ->capture_default_str();
 }
 
@@ -75,7 +80,7 @@ void complete(const CLI::App& app, common_options& options) {
     if (pub_named && sub_named) return;
     const std::string folder = default_folder();
     // A hub claims its folders itself.
-    if (!app.got_subcommand("hub")) claim(folder);
+    if (!app.got_subcommand("hub") && !app.got_subcommand("help")) claim(folder);
     if (!pub_named) options.pub_endpoint = "ipc://" + folder + "/pub";
     if (!sub_named) options.sub_endpoint = "ipc://" + folder + "/sub";
 }
@@ -83,16 +88,19 @@ void complete(const CLI::App& app, common_options& options) {
 std::vector<std::string> shielded(int argc, char** argv) {
     std::vector<std::string> arguments(argv + 1, argv + argc);
     for (auto& argument : arguments)
-        if (argument.starts_with('[') && argument.ends_with(']')) argument += shield;
+        if ((argument.starts_with('[') && argument.ends_with(']')) || argument.ends_with(shield))
+            argument += shield;
     std::reverse(arguments.begin(), arguments.end());  // the order in which CLI11 takes them
     return arguments;
 }
 
+std::string unshielded(std::string argument) {
+    if (argument.ends_with(shield)) argument.pop_back();
+    return argument;
+}
+
 CLI::Option* verbatim(CLI::Option* option) {
-    return option->transform([](std::string text) {
-        if (text.ends_with(shield)) text.pop_back();
-        return text;
-    });
+    return option->transform(unshielded);
 }
 
 CLI::Option* add_seconds(CLI::App& app, const std::string& name, seconds& value,
@@ -100,8 +108,17 @@ CLI::Option* add_seconds(CLI::App& app, const std::string& name, seconds& value,
     return app
         .add_option_function<double>(
             name, [&value](double given) { value = seconds(given); }, description)
-        ->check(CLI::Range(0.001, 1e6))
+        ->transform(number_from("a number of seconds", 0.001, 1e6))
         ->type_name("SECONDS");
+}
+
+CLI::Option* add_milliseconds(CLI::App& app, const std::string& name, std::optional<milliseconds>& value,
+                              const std::string& description) {
+    return app
+        .add_option_function<double>(
+            name, [&value](double given) { value = milliseconds(given); }, description)
+        ->transform(number_from("a number of milliseconds", 0.001, 1e9))
+        ->type_name("MS");
 }
 
 }  // namespace tolvan::vesk::tool

@@ -3,16 +3,38 @@
 #include <tolvan/Variant.hpp>
 #include <tolvan/sedes/v1/bad_deserialization_source.hpp>
 
+#include "options/common_options.hpp"
+
 namespace tolvan::vesk::tool {
 
-std::string is_json(const std::string& value) {
+namespace {
+
+// For a word that somebody has meant as a text: the shell takes away the quotation marks that JSON needs.
+std::string hint_for(const std::string& value) {
+    if (value.empty() || value.find_first_of("\"'{[") != std::string::npos) return {};
+    return "; for a text write '" + Variant::string(value).toJson() + "', with both kinds of quotes";
+}
+
+}  // namespace
+
+std::string objection_to_json(const std::string& text) {
+    if (text.find('\0') != std::string::npos) return "it has a NUL byte";
     try {
-        Variant::fromJson(value);
-        Variant::fromJson("[" + value + "]");  // as deep as in its envelope
+        Variant::fromJson(text);
+        Variant::fromJson("[" + text + "]");  // as deep as in its envelope
         return {};
     } catch (const sedes::v1::bad_deserialization_source& error) {
-        return "'" + value + "' is not JSON: " + error.what();
+        return error.what();
     }
+}
+
+std::string is_json(const std::string& value) {
+    const std::string objection = objection_to_json(value);
+    return objection.empty() ? "" : "'" + value + "' is not JSON: " + objection + hint_for(value);
+}
+
+std::string refusal(const std::string& text, const std::string& noun, const std::string& range) {
+    return fmt::format("'{}' is not {} {}", unshielded(text), noun, range);
 }
 
 std::string not_empty(const std::string& value) {

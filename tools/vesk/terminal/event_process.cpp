@@ -4,9 +4,14 @@
 
 namespace tolvan::vesk::tool {
 
-event_process::event_process(int code_on_signal) {
-    events->watch_fd({signals.descriptor()}, 0,
-                     [this, code_on_signal](auto, auto) { finish(code_on_signal); });
+event_process::event_process(int code_on_signal)
+    : event_process([this, code_on_signal] { finish(code_on_signal); }) {}
+
+event_process::event_process(std::function<void()> on_signal) {
+    events->watch_fd({signals.descriptor()}, 0, [this, on_signal = std::move(on_signal)](auto, auto) {
+        signals.take();
+        on_signal();
+    });
 }
 
 int event_process::run() {

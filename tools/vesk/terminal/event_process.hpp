@@ -21,6 +21,9 @@ class event_process {
     /// `code_on_signal` is the exit status when SIGINT, SIGTERM or SIGHUP ends it.
     explicit event_process(int code_on_signal);
 
+    /// `on_signal` is called for each of these signals, and sees to the end.
+    explicit event_process(std::function<void()> on_signal);
+
     /// Runs the loop until `finish`; gives the exit status.
     int run();
 

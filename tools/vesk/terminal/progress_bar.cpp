@@ -5,6 +5,9 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include "terminal/abilities.hpp"
+#include "terminal/tell.hpp"
+
 namespace tolvan::vesk::tool {
 
 namespace {
@@ -14,13 +17,14 @@ constexpr const char* begin_of_cleared_line = "\r\033[K";
 
 }  // namespace
 
-progress_bar::progress_bar() : on_terminal(::isatty(STDERR_FILENO) == 1) {}
+progress_bar::progress_bar() : on_terminal(moves_cursor(STDERR_FILENO)) {}
 
 void progress_bar::show(const std::string& what, double share) const {
     if (!on_terminal) return;
     const std::string done(static_cast<std::size_t>(share * width), '#');
     std::cerr << fmt::format("{}{:<10} [{:.<{}}] {:3.0f} %", begin_of_cleared_line, what, done, width,
                              share * 100);
+    leave_line_open();
 }
 
 void progress_bar::clear() const {

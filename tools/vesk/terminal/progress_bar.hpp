@@ -4,7 +4,8 @@
 
 namespace tolvan::vesk::tool {
 
-/// One line on stderr that shows how far something is. Nothing unless stderr is a terminal.
+/// One line on stderr that shows how far something is. Nothing unless stderr is a terminal
+/// that can clear a line.
 class progress_bar {
   public:
     progress_bar();

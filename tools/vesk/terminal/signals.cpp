@@ -25,16 +25,18 @@ termination_signals::termination_signals() {
     sigaddset(&signals, SIGTERM);
     if (!is_ignored(SIGHUP)) sigaddset(&signals, SIGHUP);
     ::sigprocmask(SIG_BLOCK, &signals, nullptr);
-    fd = ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (fd < 0) throw std::system_error(errno, std::generic_category(), "signalfd");
+    held = wire::descriptor(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (held.get() < 0) throw std::system_error(errno, std::generic_category(), "signalfd");
 }
 
-termination_signals::~termination_signals() {
-    ::close(fd);
+void termination_signals::take() const {
+    signalfd_siginfo taken;
+    static_cast<void>(::read(held.get(), &taken, sizeof taken));
 }
 
 void ignore_signals_about_output() {
     ::signal(SIGPIPE, SIG_IGN);
+    ::signal(SIGXFSZ, SIG_IGN);
     ::signal(SIGTTOU, SIG_IGN);
 }
 

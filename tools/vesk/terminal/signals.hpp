@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tolvan/wire/descriptor.hpp>
+
 namespace tolvan::vesk::tool {
 
 /// SIGINT, SIGTERM and SIGHUP as something to read instead of an interruption; SIGHUP only when it is not
@@ -8,18 +10,19 @@ class termination_signals {
   public:
     /// Throws std::system_error.
     termination_signals();
-    termination_signals(const termination_signals&) = delete;
-    termination_signals& operator=(const termination_signals&) = delete;
-    ~termination_signals();
 
-    /// Readable once a signal has come.
-    int descriptor() const { return fd; }
+    /// Readable once a signal has come, until it is taken.
+    int descriptor() const { return held.get(); }
+
+    /// Takes one signal that has come.
+    void take() const;
 
   private:
-    int fd;
+    wire::descriptor held;
 };
 
-/// Lets the process outlive whoever reads its output, and write to a terminal behind other programs.
+/// Lets the process outlive whoever reads its output and a file that may not grow, and write to a terminal
+/// behind other programs.
 void ignore_signals_about_output();
 
 }  // namespace tolvan::vesk::tool

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 namespace tolvan::vesk::tool {
@@ -8,6 +9,14 @@ namespace tolvan::vesk::tool {
 /// fails; a line that stderr does not take is counted, and the number said before the next that it takes.
 /// To be called on the main thread.
 void tell(const std::string& text);
+
+/// Says that the last line of stderr is left without an end, as a progress bar is: the next `tell` takes its
+/// place.
+void leave_line_open();
+
+/// Has `listener` called with what would be said, until it is called with none: for who has the whole
+/// terminal.
+void tell_instead(std::function<void(const std::string&)> listener);
 
 /// Says how many lines were not taken, if there are any and stderr takes something again.
 void tell_what_was_missed();

@@ -46,6 +46,7 @@ class hub {
         std::uint64_t jams = 0;          ///< times that the hub began to drop messages for a subscriber
         std::uint64_t publishers = 0;    ///< connections at the publishing endpoint now
         std::uint64_t subscribers = 0;   ///< connections at the subscription endpoint now
+        std::uint64_t turns = 0;         ///< of the relaying loop: one a second at least while it works
     };
 
     /// Something that befell a connection.

@@ -7,10 +7,10 @@
 
 namespace tolvan::wire {
 
-/// What befell a connection of a bound socket.
+/// What befell a connection of a socket.
 struct connection_event {
     enum class kind {
-        accepted,  ///< a peer has connected; its handshake is still to come
+        accepted,  ///< a peer has connected to a bound socket; its handshake is still to come
         greeted,   ///< a handshake has succeeded, of one of those that are under way: libzmq does not say
                    ///< which
         gone       ///< a connection has ended, whoever ended it
@@ -20,7 +20,7 @@ struct connection_event {
 };
 
 /// Tells of the connections of a socket, in the order in which they come and go. To be used on the thread of
-/// the socket, and to be made before it is bound.
+/// the socket, and to be made before that is bound or connected.
 class monitor {
   public:
     /// `name` must be the context's only one. Throws `zmq::error_t`.

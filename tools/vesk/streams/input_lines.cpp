@@ -1,4 +1,4 @@
-#include "terminal/input_lines.hpp"
+#include "streams/input_lines.hpp"
 
 #include <array>
 #include <cerrno>
@@ -38,6 +38,7 @@ void input_lines::read_piece() {
     if (length < 0 && (errno == EINTR || errno == EAGAIN)) return;
     if (length < 0) throw std::system_error(errno, std::generic_category(), "could not read the input");
     searched -= std::min(searched, taken);
+    forgotten += taken;
     buffer.erase(0, std::exchange(taken, 0));
     buffer.append(piece.data(), static_cast<std::size_t>(length));
     end_of_input = length == 0;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -26,6 +27,9 @@ class input_lines {
     /// Whether everything has been read and taken.
     bool at_end() const { return end_of_input && taken == buffer.size(); }
 
+    /// How much has been taken, in bytes.
+    std::uint64_t taken_bytes() const { return forgotten + taken; }
+
     /// Reads one more piece as soon as there is one, then calls `callback`. Does nothing while a piece is
     /// awaited. A read error is thrown out of the event loop as std::system_error.
     void await_more(std::function<void()> callback);
@@ -39,8 +43,9 @@ class input_lines {
     std::size_t longest_line;
     std::function<void()> on_piece;
     std::string buffer;
-    std::size_t taken = 0;     ///< up to here the buffer has been given out
-    std::size_t searched = 0;  ///< up to here it has no line break
+    std::uint64_t forgotten = 0;  ///< bytes that the buffer no longer has
+    std::size_t taken = 0;        ///< up to here the buffer has been given out
+    std::size_t searched = 0;     ///< up to here it has no line break
     bool end_of_input = false;
 };
 
