@@ -4,7 +4,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "options/common_options.hpp"
+#include "options/add_options.hpp"
 
 namespace tolvan::vesk::tool {
 

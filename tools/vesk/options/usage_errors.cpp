@@ -6,7 +6,7 @@
 
 #include <fmt/format.h>
 
-#include "options/common_options.hpp"
+#include "options/add_options.hpp"
 #include "options/nearest.hpp"
 #include "options/option_table.hpp"
 #include "terminal/tell.hpp"

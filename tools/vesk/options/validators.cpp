@@ -3,7 +3,7 @@
 #include <tolvan/Variant.hpp>
 #include <tolvan/sedes/v1/bad_deserialization_source.hpp>
 
-#include "options/common_options.hpp"
+#include "options/add_options.hpp"
 
 namespace tolvan::vesk::tool {
 

@@ -109,7 +109,8 @@ void output_queue::fail(int error) {
 }
 
 std::string_view output_queue::written_of_broken_line() const {
-    const auto written = std::string_view(pieces.empty() ? "" : pieces.front()).substr(0, written_of_first);
+    if (pieces.empty()) return {};
+    const auto written = std::string_view(pieces.front()).substr(0, written_of_first);
     return written.substr(written.rfind('\n') + 1);
 }
 

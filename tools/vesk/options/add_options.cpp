@@ -1,4 +1,4 @@
-#include "options/common_options.hpp"
+#include "options/add_options.hpp"
 
 #include <algorithm>
 #include <cerrno>
