@@ -35,7 +35,7 @@ void topic_rates::topic_record::begin_interval(std::uint64_t number) {
 void topic_rates::feed(const wire::hub_message& message, clock::time_point now) {
     const auto age = wire::age_of(message, now);
     for (topic_record* const record : {&record_of(message.topic), &total}) {
-        if (record->interval_number != number) record->begin_interval(number);
+        if (record->interval_number != current_interval) record->begin_interval(current_interval);
         record->all.add(message.data.size());
         record->latest.add(message.data.size());
         record->last_seen = now;
@@ -58,13 +58,13 @@ topic_rates::interval topic_rates::take_interval(clock::time_point now) {
     ended.rows.reserve(topics.size());
     for (const auto& [topic, record] : topics) ended.rows.push_back(row_of(topic, record, now, ended.length));
     begin = now;
-    ++number;
+    ++current_interval;
     return ended;
 }
 
 topic_rates::row topic_rates::row_of(std::string_view topic, const topic_record& record,
                                      clock::time_point now, std::chrono::duration<double> length) const {
-    const traffic latest = record.interval_number == number ? record.latest : traffic{};
+    const traffic latest = record.interval_number == current_interval ? record.latest : traffic{};
     const double seconds = std::max(length.count(), 1e-3);
     return {.topic = topic,
             .messages_per_second = static_cast<double>(latest.messages) / seconds,

@@ -28,11 +28,11 @@ class topic_rates {
     struct row {
         std::string_view topic;  ///< valid as long as the `topic_rates`
         double messages_per_second = 0;
-        double bytes_per_second = 0;  ///< of data
-        std::uint64_t messages = 0;   ///< since the beginning
-        std::uint64_t bytes = 0;      ///< of data, since the beginning
-        std::optional<std::int64_t> age_p50_ms,
-            age_p99_ms;  ///< of the last interval in which something came
+        double bytes_per_second = 0;             ///< of data
+        std::uint64_t messages = 0;              ///< since the beginning
+        std::uint64_t bytes = 0;                 ///< of data, since the beginning
+        std::optional<std::int64_t> age_p50_ms;  ///< of the last interval in which something came
+        std::optional<std::int64_t> age_p99_ms;  ///< of the same
         std::chrono::duration<double> since_last{0};
 
         double mean_size() const;
@@ -81,7 +81,7 @@ class topic_rates {
 
     const std::size_t segments;
     clock::time_point begin;
-    std::uint64_t number = 1;  ///< of the interval
+    std::uint64_t current_interval = 1;
     topic_record total;
     records topics;
     std::size_t topic_bytes = 0;
