@@ -39,6 +39,7 @@ ROWS = {  # benchmark: (what is measured, what its cost is divided by)
     "vesk_record_into_a_file": ("`vesk record` into a file, messages a second", "a bare SUB loop that writes the same"),
     "ten_vesk_pubs": ("ten `vesk pub` one after another, whole processes", "ten processes that do it in bare czmq"),
     "vesk_top_once": ("CPU of `vesk top --once`, 300 000 messages on 100 000 topics, with the table", "a bare SUB loop that only counts"),
+    "throughput": ("messages a second in three processes, nothing lost", "the same czmq calls alone"),
     "memory_of_a_message_queued_in_the_hub": ("memory of a 100-byte message queued among 60 others", "512 bytes"),
     "memory_of_a_queued_delivery": ("memory of a queued delivery", "what its record holds"),
     "memory_of_a_subscription": ("memory of a subscription", "what its record holds"),
