@@ -43,6 +43,17 @@ class HubMemory(EndToEndTest):
         client.publish_until(lambda: "stuck.again " in stuck.output, "stuck.again", "")
         self.assertEqual(hub.end(signal.SIGTERM), DONE)
 
+    def test_of_the_next_who_stops_is_told_with_that_one_although_the_first_is_still_stuck(self):
+        hub = self.start_hub("--queue-bytes", str(BUDGET))
+        client = self.foreign_client()
+        for sub in [self.start_ready("sub", "t") for _ in range(2)]:
+            for process in (sub, hub):  # all comes at once, before anybody was seen to be stuck for long
+                process.send_signal(signal.SIGSTOP)
+            for _ in range(50_000):
+                client.publish("t", "", metadata())
+            hub.send_signal(signal.SIGCONT)
+            hub.await_line(rf"messages for it are dropped: .*process {sub.pid} \(vesk\)")
+
 
 if __name__ == "__main__":
     unittest.main()

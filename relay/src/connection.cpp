@@ -1,6 +1,7 @@
 #include "connection.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 
 #include <arpa/inet.h>
@@ -103,18 +104,21 @@ void connection::look(steady::time_point now) {
 
 // More than before may be a heartbeat of the hub's own, and is no sign of the peer's.
 void connection::note_unsent(int bytes, steady::time_point now) {
-    if (bytes == 0) given_up = false;
+    const bool has_taken_some = bytes == 0 || bytes < unsent;
     if (bytes == 0) empty = now;
-    if (bytes == 0 || bytes < unsent) last_sign = now;
+    if (has_taken_some) last_sign = now;
+    if (has_taken_some) given_up = false;
     if (bytes != unsent) moved = now;
     unsent = bytes;
 }
 
 // The check is made on a duplicate, which nobody else can close and whose number nobody else can get.
-void connection::cut() {
+bool connection::cut() {
     const wire::descriptor same(fcntl(number, F_DUPFD_CLOEXEC, 0));
+    if (same.get() == -1 && errno == EMFILE) return false;
     was_cut = true;
     if (inode != 0 && inode_of(same.get()) == inode) shutdown(same.get(), SHUT_RDWR);
+    return true;
 }
 
 }  // namespace tolvan::relay

@@ -37,8 +37,9 @@ class connection {
     /// For how long the peer has given no sign of life.
     steady::duration silent(steady::time_point now) const { return now - last_sign; }
 
-    /// Ends the connection: libzmq finds it closed by the peer. Does nothing when it has ended.
-    void cut();
+    /// Ends the connection: libzmq finds it closed by the peer. Does nothing when it has ended. False, and to
+    /// be tried again, when there is no descriptor to do it with.
+    bool cut();
 
     /// Whether its handshake has surely succeeded.
     bool is_greeted() const noexcept { return greeted; }
@@ -49,7 +50,7 @@ class connection {
     /// Whether `cut` was called.
     bool is_cut() const noexcept { return was_cut; }
 
-    /// Whether `give_up` was called since the peer has last caught up.
+    /// Whether `give_up` was called since the peer was last seen to have taken something.
     bool is_given_up() const noexcept { return given_up; }
 
     /// Remembers that messages for the peer are being dropped.
