@@ -1,6 +1,7 @@
 #include "connections.hpp"
 
 #include <algorithm>
+#include <tuple>
 
 #include "limits.hpp"
 
@@ -105,7 +106,12 @@ void connections::report_jam(steady::time_point now) {
         told = true;
     }
     if (told) return;
-    connection* const slow = longest([now](const auto& each) { return each.behind(now); }, 1ns);
+    connection* const slow = longest(
+        [now](const auto& each) {
+            const bool may_be_new = each.behind(now) > 0ns && !each.is_given_up();
+            return std::tuple(may_be_new, each.stalled(now), each.behind(now));
+        },
+        std::tuple(false, steady::duration(0), steady::duration(1)));
     if (slow != nullptr) return report_jam_of(*slow);
     report(event::jammed, "");
 }
@@ -122,14 +128,14 @@ bool connections::cut_the_slowest(steady::time_point now, bool any_will_do) {
         slowest =
             longest([now](const auto& each) { return each.behind(now); }, any_will_do ? 1ns : far_behind);
     if (slowest == nullptr) return false;
-    slowest->cut();
+    if (!slowest->cut()) return false;
     last_cut = now;
     report(event::cut, slowest->peer());
     return true;
 }
 
-template <typename Duration>
-connection* connections::longest(Duration duration, steady::duration least) {
+template <typename Duration, typename Least>
+connection* connections::longest(Duration duration, Least least) {
     connection* found = nullptr;
     for (auto& [descriptor, each] : present) {
         if (each.is_cut() || duration(each) < least) continue;
