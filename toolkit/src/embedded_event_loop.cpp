@@ -163,38 +163,47 @@ struct embedded_event_loop::state {
     bool in_turn = false;
 };
 
-embedded_event_loop::embedded_event_loop() : loop(std::make_shared<state>()) {}
+embedded_event_loop::embedded_event_loop() : core(std::make_shared<state>()) {}
 embedded_event_loop::~embedded_event_loop() = default;
 
 int embedded_event_loop::descriptor() const {
-    return loop->set.fd;
+    return core->set.fd;
 }
 
 void embedded_event_loop::turn() {
     struct turn_mark {
-        const std::shared_ptr<state> loop;  // stays when the callback destroys this object
-        ~turn_mark() { loop->in_turn = false; }
+        const std::shared_ptr<state> core;  // stays when the callback destroys this object
+        ~turn_mark() { core->in_turn = false; }
     };
-    if (loop->in_turn) throw std::logic_error("event loop: turn() was called from inside a callback");
-    const turn_mark mark{loop};
-    mark.loop->in_turn = true;
-    mark.loop->dispatch();
+    if (core->in_turn) throw std::logic_error("event loop: turn() was called from inside a callback");
+    const turn_mark mark{core};
+    mark.core->in_turn = true;
+    mark.core->dispatch();
+}
+
+void embedded_event_loop::turn(const failure_handler& failed) noexcept {
+    try {
+        turn();
+    } catch (...) {
+        if (!failed) std::terminate();
+        failed(std::current_exception());
+    }
 }
 
 void embedded_event_loop::watch_fd(file_desc fd, int reserved, watch_callback callback) {
     if (reserved != 0) throw std::invalid_argument("watch_fd: the second argument is reserved and must be 0");
-    if (loop->watches.contains(fd.value)) throw std::logic_error(named(fd) + " is already watched");
+    if (core->watches.contains(fd.value)) throw std::logic_error(named(fd) + " is already watched");
     const auto added = std::make_shared<watch>();
     added->callback = std::move(callback);
-    if (!loop->add(fd.value, fd.value))
-        loop->add(added->stand_in.emplace(::eventfd(1, EFD_CLOEXEC), "eventfd").fd, fd.value);
-    loop->watches.emplace(fd.value, added);
+    if (!core->add(fd.value, fd.value))
+        core->add(added->stand_in.emplace(::eventfd(1, EFD_CLOEXEC), "eventfd").fd, fd.value);
+    core->watches.emplace(fd.value, added);
 }
 
 void embedded_event_loop::unwatch_fd(file_desc fd) {
-    const auto ended = loop->watches.extract(fd.value);
+    const auto ended = core->watches.extract(fd.value);
     if (!ended) throw std::logic_error(named(fd) + " is not watched");
-    loop->remove(ended.mapped()->stand_in ? ended.mapped()->stand_in->fd : fd.value);
+    core->remove(ended.mapped()->stand_in ? ended.mapped()->stand_in->fd : fd.value);
 }
 
 event_loop_v1::milliseconds embedded_event_loop::now() {
@@ -208,7 +217,7 @@ event_loop_v1::holder<timer_impl_base> embedded_event_loop::create_timer(const c
     if (reserved != milliseconds::zero())
         throw std::invalid_argument("create_timer: the second duration is reserved and must be 0");
     const auto due = now() + std::clamp(delay, milliseconds::zero(), longest_delay);
-    return std::make_shared<timer>(loop->timers, due, std::move(callback));
+    return std::make_shared<timer>(core->timers, due, std::move(callback));
 }
 
 }  // namespace tolvan::vesk::toolkit

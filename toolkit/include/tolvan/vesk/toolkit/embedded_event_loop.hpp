@@ -1,5 +1,7 @@
 #pragma once
 
+#include <exception>
+#include <functional>
 #include <memory>
 
 #include <tolvan/event_loop_v1.hpp>
@@ -28,6 +30,13 @@ class embedded_event_loop : public event_loop_v1 {
     /// turn; std::logic_error when called from inside a callback.
     void turn();
 
+    /// Is given an exception out of a callback that cannot pass through the loop around this one.
+    using failure_handler = std::function<void(std::exception_ptr failure)>;
+
+    /// The same inside a loop written in C: exceptions go to `failed`, which must outlive the call; without
+    /// one they end the process by std::terminate.
+    void turn(const failure_handler& failed) noexcept;
+
     void watch_fd(file_desc fd, int reserved, std::function<void(file_desc, poll_events)> callback) override;
     void unwatch_fd(file_desc fd) override;
     milliseconds now() override;
@@ -36,7 +45,7 @@ class embedded_event_loop : public event_loop_v1 {
 
   private:
     struct state;
-    const std::shared_ptr<state> loop;
+    const std::shared_ptr<state> core;
 };
 
 }  // namespace tolvan::vesk::toolkit
