@@ -56,12 +56,12 @@ double bench_phase::ms_since(clock::time_point begin) {
 }
 
 void publishing_phase::publish_next() {
-    const numbered_topic::number number = measured.sent;
+    const toolkit::probe_topic::number number = measured.sent;
     sent_at.push_back(note_sending());
     publisher.publish(topic.with(number), load.data);
 }
 
-bool publishing_phase::in_order(numbered_topic::number received) {
+bool publishing_phase::in_order(toolkit::probe_topic::number received) {
     if (received < awaited || received >= measured.sent) return false;
     measured.lost += received - awaited;
     awaited = received + 1;

@@ -6,12 +6,12 @@
 #include <string>
 #include <vector>
 
+#include <tolvan/vesk/toolkit/probe_topic.hpp>
 #include <tolvan/vesk/v1/publisher.hpp>
 #include <tolvan/vesk/v1/reqrep_client.hpp>
 #include <tolvan/vesk/v1/reqrep_server.hpp>
 #include <tolvan/vesk/v1/subscriber.hpp>
 
-#include "bus/numbered_topic.hpp"
 #include "bus/pacer.hpp"
 #include "bus/session.hpp"
 
@@ -100,14 +100,14 @@ class publishing_phase : public bench_phase {
 
     /// Takes note of a received number: one publisher's messages keep their order, so those that it has
     /// overtaken are lost. Whether it is a number that was awaited.
-    bool in_order(numbered_topic::number received);
+    bool in_order(toolkit::probe_topic::number received);
 
-    const numbered_topic topic;
+    const toolkit::probe_topic topic;
     std::vector<clock::time_point> sent_at;
 
   private:
     v1::publisher publisher;
-    numbered_topic::number awaited = 0;
+    toolkit::probe_topic::number awaited = 0;
 };
 
 /// As many messages a second as come back to the notify callback with nothing lost.

@@ -3,10 +3,9 @@
 #include <functional>
 #include <string>
 
+#include <tolvan/vesk/toolkit/probe_topic.hpp>
 #include <tolvan/vesk/v1/reqrep_client.hpp>
 #include <tolvan/vesk/v1/subscriber.hpp>
-
-#include "bus/numbered_topic.hpp"
 
 namespace tolvan::vesk::tool {
 
@@ -32,7 +31,7 @@ class answer_watch {
 
     const std::function<void(request_id)> when_answered;
     std::function<void()> when_ready;
-    const numbered_topic topic;
+    const toolkit::probe_topic topic;
     v1::reqrep_client asking;
     v1::subscriber asked;
     v1::subscriber answers;

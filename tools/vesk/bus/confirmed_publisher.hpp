@@ -6,13 +6,13 @@
 #include <string_view>
 #include <vector>
 
+#include <tolvan/vesk/toolkit/probe_pace.hpp>
+#include <tolvan/vesk/toolkit/probe_topic.hpp>
 #include <tolvan/vesk/v1/publisher.hpp>
 #include <tolvan/wire/tap.hpp>
 
 #include "bus/bus_environment.hpp"
 #include "bus/number_ranges.hpp"
-#include "bus/numbered_topic.hpp"
-#include "bus/probe_pace.hpp"
 #include "bus/session.hpp"
 #include "bus/unconfirmed_messages.hpp"
 
@@ -73,13 +73,13 @@ class confirmed_publisher {
     const std::size_t most_under_way;
     std::size_t since_rest = 0;
     session::timer resting;
-    const numbered_topic probe;
+    const toolkit::probe_topic probe;
     v1::publisher publisher;
     unconfirmed_messages unconfirmed;
     std::deque<numbered_message> again;  ///< lost, to be sent once more
     wire::tap tap;
     session::timer next_look;
-    probe_pace pace;  ///< until the hub is there
+    toolkit::probe_pace pace;  ///< until the hub is there
     unconfirmed_messages::publication oldest_at_last_look = 0;
     milliseconds progress_at;  ///< the last message came back, or the first of those under way went out
     milliseconds answered_at{0};

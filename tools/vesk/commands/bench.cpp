@@ -10,12 +10,12 @@
 #include <fmt/format.h>
 
 #include <tolvan/relay/hub.hpp>
+#include <tolvan/vesk/toolkit/hub_presence.hpp>
 
 #include "bench/phases.hpp"
 #include "bench/report.hpp"
 #include "bench/svg.hpp"
 #include "bus/bus_environment.hpp"
-#include "bus/hub_presence.hpp"
 #include "bus/session.hpp"
 #include "commands/commands.hpp"
 #include "exit_code.hpp"
@@ -82,7 +82,7 @@ class bench_command {
         phases.push_back(std::make_unique<latency_phase>(process, options.load(10'000)));
         phases.push_back(
             std::make_unique<round_trip_phase>(process, options.load(2'500, most_round_trips_a_second)));
-        presence.emplace(process.loop(), hub_presence::callbacks{.ready = [this] {
+        presence.emplace(process.shared_loop(), toolkit::hub_presence::callbacks{.ready = [this] {
                              notes.ready();
                              hub_deadline.reset();
                              start_phase();
@@ -171,7 +171,7 @@ class bench_command {
     const progress_bar bar;
     std::deque<std::unique_ptr<bench_phase>> phases;  ///< the one that runs, and those to come
     bench_report report;
-    std::optional<hub_presence> presence;
+    std::optional<toolkit::hub_presence> presence;
     session::timer hub_deadline;
     session::timer next_look;
     std::uint64_t settled = 0;  ///< messages of the phase at the last look

@@ -7,13 +7,13 @@
 
 #include <fmt/format.h>
 
+#include <tolvan/vesk/toolkit/hub_presence.hpp>
+#include <tolvan/vesk/toolkit/probe_topic.hpp>
 #include <tolvan/vesk/v1/reqrep_client.hpp>
 #include <tolvan/wire/sender.hpp>
 #include <tolvan/wire/tap.hpp>
 
 #include "bus/bus_environment.hpp"
-#include "bus/hub_presence.hpp"
-#include "bus/numbered_topic.hpp"
 #include "bus/session.hpp"
 #include "commands/commands.hpp"
 #include "exit_code.hpp"
@@ -102,7 +102,7 @@ class hub_check {
     }
 
   private:
-    static constexpr numbered_topic::number trial = 0, counted = 1;
+    static constexpr toolkit::probe_topic::number trial = 0, counted = 1;
 
     void send_again() {
         sender.send(probe.with(trial), "");
@@ -129,7 +129,7 @@ class hub_check {
 
     const check_options& options;
     event_process process;
-    const numbered_topic probe;
+    const toolkit::probe_topic probe;
     wire::tap tap;
     wire::sender sender;
     event_process::timer deadline, next;
@@ -145,7 +145,7 @@ class server_check {
         : options(given),
           process(common, unknown),
           missing(silent_hub(common, options)),
-          presence(process.loop(), {.ready = [this] { ask(); }}) {
+          presence(process.shared_loop(), {.ready = [this] { ask(); }}) {
         deadline = process.after(options.timeout, [this] { end({critical, missing}); });
     }
 
@@ -183,7 +183,7 @@ class server_check {
     session process;
     std::string missing;  ///< at the end of the time
     v1::reqrep_client client;
-    hub_presence presence;
+    toolkit::hub_presence presence;
     session::timer deadline;
     clock::time_point sent_at;
     finding result{unknown, "interrupted"};

@@ -6,10 +6,10 @@
 #include <unistd.h>
 
 #include <tolvan/relay/hub.hpp>
+#include <tolvan/vesk/toolkit/hub_presence.hpp>
 #include <tolvan/vesk/v1/reqrep_client.hpp>
 
 #include "bus/answer_watch.hpp"
-#include "bus/hub_presence.hpp"
 #include "bus/session.hpp"
 #include "commands/commands.hpp"
 #include "exit_code.hpp"
@@ -67,7 +67,7 @@ class request_command {
           process(common, failed),
           notes(process, common, hub_notes::detail::waiting_only),
           answers([this](auto answered) { note_answer(answered); }),
-          presence(process.loop(), {.ready = [this] { answers.start([this] { send(); }); }}) {
+          presence(process.shared_loop(), {.ready = [this] { answers.start([this] { send(); }); }}) {
         const seconds patience = options.timeout.count() > 0 ? options.timeout : hub_patience;
         deadline = process.after(patience, [this, patience] { give_up(patience); });
     }
@@ -130,7 +130,7 @@ class request_command {
     hub_notes notes;
     v1::reqrep_client client;
     answer_watch answers;
-    hub_presence presence;  ///< behind the subscriptions that the hub is to know
+    toolkit::hub_presence presence;  ///< behind the subscriptions that the hub is to know
     session::timer deadline;
     answer_watch::request_id id = 0;
     std::optional<session::milliseconds> sent_at;

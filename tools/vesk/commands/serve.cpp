@@ -12,10 +12,10 @@
 
 #include <tolvan/Variant.hpp>
 #include <tolvan/sedes/v1/opaque_json_block.hpp>
+#include <tolvan/vesk/toolkit/hub_presence.hpp>
 #include <tolvan/vesk/v1/reqrep_server.hpp>
 
 #include "bus/child_process.hpp"
-#include "bus/hub_presence.hpp"
 #include "bus/session.hpp"
 #include "commands/commands.hpp"
 #include "exit_code.hpp"
@@ -130,9 +130,10 @@ class serve_command {
             [this](const reqrep_server::request& request, const opaque_json_block& payload) {
                 handle(request, payload);
             });
-        presence.emplace(process.loop(), hub_presence::callbacks{.ready = [this] { notes.ready(); },
-                                                                 .lost = [this] { notes.lost(); },
-                                                                 .back = [this] { notes.ready(); }});
+        presence.emplace(process.shared_loop(),
+                         toolkit::hub_presence::callbacks{.ready = [this] { notes.ready(); },
+                                                          .lost = [this] { notes.lost(); },
+                                                          .back = [this] { notes.ready(); }});
     }
 
     int run() { return process.run(); }
@@ -240,7 +241,7 @@ class serve_command {
     std::list<running_program> programs;
     waiting_list waiting;
     reqrep_server server;
-    std::optional<hub_presence> presence;
+    std::optional<toolkit::hub_presence> presence;
 };
 
 }  // namespace

@@ -63,7 +63,7 @@ observer::milliseconds observer::time_away() const {
 
 void observer::see(const wire::hub_message& message) {
     heard = true;
-    if (message.topic.starts_with(probe_prefix)) {
+    if (message.topic.starts_with(toolkit::probe_prefix)) {
         if (message.topic.starts_with(probes.name())) return see_probe(message.topic);
         if (wanted.is_everything()) return;
     }

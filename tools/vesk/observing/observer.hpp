@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
+#include <tolvan/vesk/toolkit/probe_topic.hpp>
 #include <tolvan/wire/sender.hpp>
 #include <tolvan/wire/tap.hpp>
 
-#include "bus/numbered_topic.hpp"
 #include "observing/topic_set.hpp"
 #include "terminal/event_process.hpp"
 #include "terminal/hub_notes.hpp"
@@ -69,8 +69,8 @@ class observer {
     const topic_set wanted;
     const callbacks call;
     hub_notes notes;
-    const numbered_topic probes;
-    numbered_topic::number connections = 0;
+    const toolkit::probe_topic probes;
+    toolkit::probe_topic::number connections = 0;
     std::string probe;  ///< the topic of this connection's probes; of none it is empty
     wire::tap tap;
     wire::sender sender;

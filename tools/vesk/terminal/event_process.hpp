@@ -38,8 +38,6 @@ class event_process {
     timer after(seconds delay, std::function<void()> callback);
 
     event_loop_v1& loop() { return *events; }
-
-  protected:
     const std::shared_ptr<asio_event_loop>& shared_loop() const { return events; }
 
   private:

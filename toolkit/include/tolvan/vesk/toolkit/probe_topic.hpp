@@ -4,17 +4,17 @@
 #include <optional>
 #include <string>
 
-namespace tolvan::vesk::tool {
+namespace tolvan::vesk::toolkit {
 
 /// The topics of probes begin with this; they are nobody's messages.
 inline constexpr const char* probe_prefix = "vesk.probe.";
 
 /// A probe topic that nobody else has, and the numbered topics below it.
-class numbered_topic {
+class probe_topic {
   public:
     using number = std::uint64_t;
 
-    numbered_topic();
+    probe_topic();
 
     /// Subscribing to it brings all numbers.
     const std::string& name() const { return text; }
@@ -28,4 +28,4 @@ class numbered_topic {
     std::string text;
 };
 
-}  // namespace tolvan::vesk::tool
+}  // namespace tolvan::vesk::toolkit
