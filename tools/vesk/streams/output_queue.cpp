@@ -89,9 +89,13 @@ void output_queue::note_written(std::size_t taken) {
 }
 
 void output_queue::finish(int code) {
-    if (code_at_end) return end_at_once();
-    code_at_end = code;
+    if (!code_at_end) code_at_end = code;
     flush();
+}
+
+void output_queue::finish_soon(int code) {
+    if (patience) return end_at_once();
+    finish(code);
     patience = process.after(patience_at_end, [this] { end_at_once(); });
 }
 
