@@ -105,7 +105,7 @@ class Views(EndToEndTest):
     def test_trace_tells_how_long_requests_took_and_how_they_ended(self):
         self.start_ready("serve", "svc", "copy", "--", "cat")
         self.start_ready("serve", "svc", "fail", "--", "sh", "-c", "echo no water >&2; false")
-        trace = self.start_ready("trace", "--json", "--count", "3", "--reply-timeout", "0.1")
+        trace = self.start_ready("trace", "--json", "--count", "3", "--reply-timeout", "100")
         slow = self.start_ready("trace", "svc.fail", "svc.copy.x", "--slow", "60000", "--count", "1")
         for number, topic in enumerate(("svc.copy", "svc.fail", "svc.wait")):
             self.client.publish(topic, f'{{"replyTopic":"x:foreign.{number}","replyNeeded":true,"payload":1}}', metadata())

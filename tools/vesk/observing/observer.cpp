@@ -34,6 +34,11 @@ wire::tap::options tap_options(const common_options& common) {
     return {common.sub_endpoint, speaks_ipv6()};
 }
 
+void tell_hints_about(const std::vector<std::string>& topics) {
+    for (const auto& topic : topics)
+        if (const auto hint = topic_set::hint_about(topic); !hint.empty()) tell(hint);
+}
+
 observer::observer(event_process& on, const common_options& given, const std::vector<std::string>& topics,
                    callbacks called)
     : process(on),
@@ -47,8 +52,7 @@ observer::observer(event_process& on, const common_options& given, const std::ve
            .connected = [this] { see_connection(); },
            .lost = [this] { see_loss(); }}),
       sender(tap.shared_context(), given.pub_endpoint, speaks_ipv6()) {
-    for (const auto& topic : topics)
-        if (const auto hint = topic_set::hint_about(topic); !hint.empty()) tell(hint);
+    tell_hints_about(topics);
     for (const auto& topic : wanted.filters()) tap.subscribe(topic);
 }
 

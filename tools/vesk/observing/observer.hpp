@@ -19,6 +19,9 @@ namespace tolvan::vesk::tool {
 /// std::runtime_error when the process lacks descriptors.
 wire::tap::options tap_options(const common_options& common);
 
+/// Says on stderr what is probably wrong with topics that somebody has asked for.
+void tell_hints_about(const std::vector<std::string>& topics);
+
 /// Looks at the bus from outside: a tap at the hub's subscription endpoint, and probes of its own that tell
 /// when the hub knows the filters, and later, while nothing else comes, whether it is still there. Says on
 /// stderr how it stands with the hub.
