@@ -13,6 +13,7 @@
 #include "options/option_table.hpp"
 #include "options/usage_errors.hpp"
 #include "streams/standard_output.hpp"
+#include "terminal/signals.hpp"
 #include "terminal/tell.hpp"
 
 namespace tolvan::vesk::tool {
@@ -87,6 +88,7 @@ std::optional<int> parse(CLI::App& app, int argc, char** argv) {
 
 int run(int argc, char** argv) {
     open_missing_standard_streams();
+    let_writes_fail();
     CLI::App app("Shows the vesk message bus at work, from a shell", "vesk");
     common_options common;
     chosen_command chosen;

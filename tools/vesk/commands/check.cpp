@@ -1,7 +1,7 @@
 #include <algorithm>
-#include <iostream>
 #include <memory>
 #include <optional>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -20,6 +20,7 @@
 #include "observing/observer.hpp"
 #include "options/help_text.hpp"
 #include "options/validators.hpp"
+#include "streams/standard_output.hpp"
 #include "terminal/printable.hpp"
 #include "terminal/quantities.hpp"
 
@@ -200,8 +201,13 @@ finding found(const common_options& common, const check_options& options) {
 
 int run_check(const common_options& common, const check_options& options) {
     const finding result = found(common, options);
-    std::cout << line_of(result, options) << std::endl;
-    return std::cout ? result.what : unknown;
+    try {
+        put_out(line_of(result, options) + "\n");
+    } catch (const std::system_error& error) {
+        tell(error.what());
+        return failed;  // as every command, though a monitoring system may take it for a warning
+    }
+    return result.what;
 }
 
 // Throws CLI::ValidationError.

@@ -119,7 +119,7 @@ std::unique_ptr<status_service> begin_status(const relay::hub& hub, const hub_op
 // The status page is bound before the hub is made: when it cannot be, nothing has begun.
 int run_hub(const common_options& common, const hub_options& options) {
     const termination_signals signals;
-    ignore_signals_about_output();
+    write_behind_others();
     auto listener = status_listener(options);
     relay::guard_descriptors(listener ? http_server::most_connections : 0);
     relay::hub hub({common.pub_endpoint, common.sub_endpoint, options.allow_remote, group_of(common, options),

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <iostream>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -16,6 +15,7 @@
 #include "observing/topic_rates.hpp"
 #include "options/help_text.hpp"
 #include "options/validators.hpp"
+#include "streams/standard_output.hpp"
 #include "terminal/printable.hpp"
 #include "terminal/quantities.hpp"
 #include "terminal/screen.hpp"
@@ -106,18 +106,18 @@ class top_once {
     void print() {
         auto interval = traffic.take_interval();
         sort_first(interval.rows, interval.rows.size(), usual_order);
-        options.json ? print_object(interval) : print_table(interval);
-        std::cout << std::flush;
-        if (!std::cout) throw std::runtime_error("could not write to stdout");
+        put_out(options.json ? as_object(interval) : as_table(interval));
     }
 
-    void print_object(const topic_rates::interval& interval) const {
-        std::cout << as_variant(interval, traffic.requests_in_flight()).toJson() << '\n';
+    std::string as_object(const topic_rates::interval& interval) const {
+        return as_variant(interval, traffic.requests_in_flight()).toJson() + "\n";
     }
 
-    void print_table(const topic_rates::interval& interval) const {
-        std::cout << rate_summary(interval, traffic.requests_in_flight()) << "\n\n" << rate_heading() << '\n';
-        for (const auto& row : interval.rows) std::cout << rate_line(row) << '\n';
+    std::string as_table(const topic_rates::interval& interval) const {
+        std::string table =
+            rate_summary(interval, traffic.requests_in_flight()) + "\n\n" + rate_heading() + "\n";
+        for (const auto& row : interval.rows) table += rate_line(row) + "\n";
+        return table;
     }
 
     const top_options& options;

@@ -23,7 +23,7 @@ constexpr seconds patience_at_end{2};
 
 output_queue::output_queue(event_process& on, nonblocking_output to, std::string name)
     : process(on), output(std::move(to)), shown_name(std::move(name)) {
-    ignore_signals_about_output();
+    write_behind_others();
     watch();
 }
 
