@@ -14,6 +14,7 @@
 #include "bus/bus_environment.hpp"
 #include "bus/hub_presence.hpp"
 #include "bus/numbered_topic.hpp"
+#include "bus/probe_pace.hpp"
 #include "bus/session.hpp"
 #include "commands/commands.hpp"
 #include "exit_code.hpp"
@@ -29,9 +30,6 @@ namespace tolvan::vesk::tool {
 namespace {
 
 using clock = std::chrono::steady_clock;
-
-constexpr event_process::milliseconds first_probe_interval{1};
-constexpr event_process::milliseconds longest_probe_interval{20};
 
 // As monitoring has them.
 enum state : int { ok, warning, critical, unknown = monitoring_unknown };
@@ -107,8 +105,7 @@ class hub_check {
 
     void send_again() {
         sender.send(probe.with(trial), "");
-        next = process.after(interval, [this] { send_again(); });
-        interval = std::min(2 * interval, longest_probe_interval);
+        next = process.after(pace.next(), [this] { send_again(); });
     }
 
     void see(const std::string& topic) {
@@ -134,7 +131,7 @@ class hub_check {
     wire::tap tap;
     wire::sender sender;
     event_process::timer deadline, next;
-    event_process::milliseconds interval = first_probe_interval;
+    probe_pace pace;
     clock::time_point sent_at;
     finding result{unknown, "interrupted"};
 };

@@ -15,7 +15,6 @@
 #include <tolvan/relay/accept_guard.hpp>
 #include <tolvan/relay/hub.hpp>
 
-#include "bus/session.hpp"
 #include "commands/commands.hpp"
 #include "exit_code.hpp"
 #include "hub/hub_reports.hpp"
@@ -24,6 +23,7 @@
 #include "options/user_group.hpp"
 #include "options/validators.hpp"
 #include "terminal/signals.hpp"
+#include "terminal/tell.hpp"
 
 namespace tolvan::vesk::tool {
 

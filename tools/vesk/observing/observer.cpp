@@ -6,7 +6,6 @@
 // whether it is there.
 #include "observing/observer.hpp"
 
-#include <algorithm>
 #include <utility>
 
 #include "bus/bus_environment.hpp"
@@ -15,8 +14,6 @@ namespace tolvan::vesk::tool {
 
 namespace {
 
-constexpr observer::milliseconds first_probe_interval{1};
-constexpr observer::milliseconds longest_probe_interval{20};
 constexpr observer::milliseconds look_interval{1000};
 constexpr int silence_to_ask = 2;   // looks at which nothing had come
 constexpr int silence_of_loss = 5;  // of the same
@@ -90,7 +87,7 @@ void observer::see_connection() {
     if (!probe.empty()) see_loss();
     probe = probes.with(++connections);
     tap.subscribe(probe);
-    probe_interval = first_probe_interval;
+    pace = {};
     probe_again();
 }
 
@@ -104,8 +101,7 @@ void observer::see_loss() {
 
 void observer::probe_again() {
     sender.send(probe, "");
-    next_probe = process.after(probe_interval, [this] { probe_again(); });
-    probe_interval = std::min(2 * probe_interval, longest_probe_interval);
+    next_probe = process.after(pace.next(), [this] { probe_again(); });
 }
 
 void observer::look() {

@@ -9,6 +9,7 @@
 #include <tolvan/wire/tap.hpp>
 
 #include "bus/numbered_topic.hpp"
+#include "bus/probe_pace.hpp"
 #include "observing/topic_set.hpp"
 #include "terminal/event_process.hpp"
 #include "terminal/hub_notes.hpp"
@@ -61,7 +62,6 @@ class observer {
     void see_connection();
     void see_loss();
     void probe_again();
-    void probe_later(milliseconds delay);
     void look();
     void note_life();
     void note_loss(milliseconds since);
@@ -77,7 +77,7 @@ class observer {
     std::string probe;  ///< the topic of this connection's probes; of none it is empty
     wire::tap tap;
     wire::sender sender;
-    milliseconds probe_interval{0};
+    probe_pace pace;
     event_process::timer next_probe;  ///< while this connection's first probe is not back
     event_process::timer next_look;   ///< afterwards
     bool heard = false;               ///< since the last look
