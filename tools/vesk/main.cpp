@@ -57,15 +57,15 @@ void describe(CLI::App& app) {
 void add_commands(CLI::App& app, const common_options& common, chosen_command& chosen) {
     add_hub_command(app, common, chosen);
     add_pub_command(app, common, chosen);
-    add_replay_command(app, common, chosen);
     add_sub_command(app, common, chosen);
-    add_record_command(app, common, chosen);
     add_request_command(app, common, chosen);
     add_serve_command(app, common, chosen);
-    add_bench_command(app, common, chosen);
+    add_record_command(app, common, chosen);
+    add_replay_command(app, common, chosen);
     add_top_command(app, common, chosen);
     add_trace_command(app, common, chosen);
     add_check_command(app, common, chosen);
+    add_bench_command(app, common, chosen);
     add_help_command(app, chosen);
 }
 
