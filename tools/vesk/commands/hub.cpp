@@ -15,7 +15,6 @@
 #include <tolvan/relay/accept_guard.hpp>
 #include <tolvan/relay/hub.hpp>
 
-#include "bus/session.hpp"
 #include "commands/commands.hpp"
 #include "exit_code.hpp"
 #include "hub/hub_reports.hpp"
@@ -24,6 +23,7 @@
 #include "options/user_group.hpp"
 #include "options/validators.hpp"
 #include "terminal/signals.hpp"
+#include "terminal/tell.hpp"
 
 namespace tolvan::vesk::tool {
 
@@ -119,7 +119,7 @@ std::unique_ptr<status_service> begin_status(const relay::hub& hub, const hub_op
 // The status page is bound before the hub is made: when it cannot be, nothing has begun.
 int run_hub(const common_options& common, const hub_options& options) {
     const termination_signals signals;
-    ignore_signals_about_output();
+    write_behind_others();
     auto listener = status_listener(options);
     relay::guard_descriptors(listener ? http_server::most_connections : 0);
     relay::hub hub({common.pub_endpoint, common.sub_endpoint, options.allow_remote, group_of(common, options),
