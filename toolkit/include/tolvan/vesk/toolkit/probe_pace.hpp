@@ -7,8 +7,9 @@
 namespace tolvan::vesk::toolkit {
 
 /// How long to wait from one probe to the next while none has come back: they follow the first one after 1,
-/// 2, 4, 8 and 16 ms, then every 20 ms for a second, then after a fiftieth of the time so far, at most a
-/// second. A hub that is there answers within a few milliseconds; one that is not may be long in coming.
+/// 2, 4, 8, 16 and 32 ms, then every 20 ms, and when a second is over each after a fiftieth of the time so
+/// far, at most a second. A hub that is there answers within a few milliseconds; one that is not may be long
+/// in coming.
 class probe_pace {
   public:
     using milliseconds = event_loop_v1::milliseconds;
