@@ -3,6 +3,7 @@
 import os
 import pty
 import re
+import shutil
 import subprocess
 import unittest
 
@@ -73,7 +74,7 @@ class Manners(EndToEndTest):
                          sorted(["vesk.1", *(f"vesk-{command}.1" for command in self.commands())]))
         checks = [["groff", "-ww", "-man", "-z", "-Tutf8", *pages],
                   ["zsh", "-n", self.folder / "share/zsh/site-functions/_vesk"]]
-        for check in checks:
+        for check in filter(lambda check: shutil.which(check[0]), checks):
             checked = subprocess.run(check, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
             self.assertEqual((checked.returncode, checked.stdout), (0, b""))
         self.assertIn(rb"\-\-resend", (self.folder / "share/man/man1/vesk-pub.1").read_bytes())
