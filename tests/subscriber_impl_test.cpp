@@ -273,6 +273,16 @@ TEST_F(subscriber_backend, logs_what_a_handle_callback_throws_and_goes_on) {
     EXPECT_EQ("four x=1", calls.back());
 }
 
+TEST_F(subscriber_backend, decodes_data_to_what_the_callback_takes) {
+    subscriber one;
+    one.subscribe("x", nullptr, [&](const std::string& topic, const std::map<std::string, int>& decoded) {
+        calls.push_back(topic + " a=" + std::to_string(decoded.at("a")));
+    });
+    receive({message("x", R"({"a":1})"), message("x", R"({"a":"1"})"), message("x.y", R"({"a":2})")});
+    dispatch();
+    EXPECT_EQ((texts{"x a=1", "x.y a=2"}), calls);
+}
+
 TEST_F(subscriber_backend, drops_what_is_queued_for_a_revoked_subscriber_and_keeps_the_rest_in_order) {
     const std::string large(1 << 20, 'l');  // memory of its own, which is gone once it is freed
     subscriber one, two, three;
