@@ -87,7 +87,7 @@ void observer::see_connection() {
     if (!probe.empty()) see_loss();
     probe = probes.with(++connections);
     tap.subscribe(probe);
-    pace = {};
+    pace = toolkit::probe_pace();
     probe_again();
 }
 
