@@ -12,6 +12,7 @@ using namespace std::chrono_literals;
 
 // Looks that are too close to each other would find a stall in any two packets.
 constexpr auto between_looks = 50ms;
+constexpr auto between_looks_at_jams = 5ms;
 
 // A process that reads is not kept from it for so long, unless the machine is overloaded.
 constexpr auto stall = 100ms;
@@ -81,10 +82,14 @@ hub::report::event connections::reason_of_end(const connection& gone, steady::ti
     return gone.silent(now) > silence ? event::fell_silent : event::disconnected;
 }
 
-void connections::look(steady::time_point now) {
-    if (now - looked < between_looks) return;
+void connections::look(steady::time_point now, steady::duration least_age) {
+    if (now - looked < least_age) return;
     looked = now;
     for (auto& [descriptor, each] : present) each.look(now);
+}
+
+void connections::look(steady::time_point now) {
+    look(now, between_looks);
 }
 
 bool connections::any_to_cut(steady::time_point now) const {
@@ -98,7 +103,9 @@ bool connections::all_keep_up(steady::time_point now) const {
                        [now](const auto& each) { return each.second.behind(now) < stall; });
 }
 
+// The jam may have come in less time than passes from one look to the next.
 void connections::report_jam(steady::time_point now) {
+    look(now, between_looks_at_jams);
     bool told = false;
     for (auto& [descriptor, each] : present) {
         if (each.stalled(now) < stall || each.is_given_up()) continue;

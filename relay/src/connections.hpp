@@ -49,6 +49,7 @@ class connections {
     void add(int descriptor, steady::time_point now);
     void note_greeting();
     void remove(int descriptor, steady::time_point now);
+    void look(steady::time_point now, steady::duration least_age);
     std::size_t not_surely_greeted() const;
     hub::report::event reason_of_end(const connection& gone, steady::time_point now) const;
     void report_jam_of(connection& slow);
