@@ -106,10 +106,9 @@ class Replay(EndToEndTest):
         self.assertGreaterEqual(time.monotonic() - begin, 0.4)
         self.assertEqual(replay.log, "")
         self.assert_received((b"plant.pump", 'ü "\n'.encode()), (b"cut:here.x", b"\xff\xfe\x3c"), (b"plantation", b"3"))
-        begin = time.monotonic()
-        self.replay([HEADER, *MESSAGES], DONE, "--fast", "--topic", "plant", "--topic", "cut:here", "--prefix", "old.",
+        a_day_long = [message | {"t": 86400 * message["t"]} for message in MESSAGES]
+        self.replay([HEADER, *a_day_long], DONE, "--fast", "--topic", "plant", "--topic", "cut:here", "--prefix", "old.",
                     log="has no last line")
-        self.assertLess(time.monotonic() - begin, 0.4)
         self.assert_received((b"old.plant.pump", 'ü "\n'.encode()), (b"old.cut:here.x", b"\xff\xfe\x3c"))
 
     def test_what_is_no_recording_ends_at_the_line_that_shows_it(self):
