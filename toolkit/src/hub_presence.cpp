@@ -46,7 +46,7 @@ void hub_presence::wait_until_ready(milliseconds limit, std::function<void()> re
         timed_out();
     };
     auto timer = events->create_timer("hub presence limit", limit, milliseconds(0), std::move(expire));
-    waiting = std::make_unique<wait>(std::move(ready), std::move(timer));
+    waiting = std::make_unique<wait>(wait{std::move(ready), std::move(timer)});
     if (current != phase::seeking) then(milliseconds(0), &hub_presence::settle);
 }
 
