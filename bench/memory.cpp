@@ -99,11 +99,11 @@ void memory_of_a_subscription(benchmark::State& state) {
         bare_filters bare;
         bytes = bytes_of_each(made) - bytes_of_each(bare);
     }
-    // In the subscriber's map the topic, two callbacks and a serial number; the topic once more with its
-    // count.
+    // In the subscriber's map the topic, two callbacks and a serial number; the topic once more with its two
+    // counts and where the only subscription to it stands.
     report(state, bytes,
            2 * size_of(topic_of(0)) + 2 * sizeof(std::function<void()>) + sizeof(std::uint64_t) +
-               sizeof(unsigned));
+               2 * sizeof(unsigned) + 2 * sizeof(void*));
 }
 
 BENCHMARK(memory_of_a_queued_delivery)->Iterations(1);

@@ -92,7 +92,7 @@ void receive(benchmark::State& state) {
         return static_cast<double>(bench::heap_use_of(call).allocations) / batch;
     };
     bench::compare(
-        state, batch, 1.15, [&] { return receiver.receive(topic, data, batch, seconds); },
+        state, batch, 1.12, [&] { return receiver.receive(topic, data, batch, seconds); },
         [&] { return bare.receive(data, seconds); });
     state.counters["allocations"] = receiver.receive(topic, data, batch, allocations);
     state.counters["limit_allocations"] = bare.receive(data, allocations);

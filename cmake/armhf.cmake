@@ -1,4 +1,4 @@
-# 32-bit ARM (ARMv7-A, hard float, glibc), with the libraries of the sysroot that scripts/armhf makes. What is
+# 32-bit ARM (ARMv7-A, hard float, glibc), with the libraries of the sysroot that scripts/armhf-sysroot makes. What is
 # built runs under qemu-arm.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
@@ -20,3 +20,7 @@ set(ENV{PKG_CONFIG_DIR} "")
 set(ENV{PKG_CONFIG_PATH} "")
 set(ENV{PKG_CONFIG_LIBDIR} ${sysroot}/usr/lib/arm-linux-gnueabihf/pkgconfig:${sysroot}/usr/share/pkgconfig)
 set(ENV{PKG_CONFIG_SYSROOT_DIR} ${sysroot})
+
+# For CPack, which finds the needed packages by the libraries.
+set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE armhf)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${sysroot}/usr/lib/arm-linux-gnueabihf)

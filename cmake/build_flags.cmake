@@ -15,16 +15,12 @@ if(VESK_SANITIZE)
   add_link_options(-fsanitize=${VESK_SANITIZE})
 endif()
 
-# vesk_platform_library(name SOURCES ... [LINK ...]): one stand-in for one of the maker's libraries, as the
-# shared library of that name with its public headers under include/.
-function(vesk_platform_library name)
-  cmake_parse_arguments(arg "" "" "SOURCES;LINK" ${ARGN})
+# vesk_platform_library(name DESCRIPTION SOURCES ... [LINK ...] [MODULES ...]): one stand-in for one of the maker's
+# libraries, shared, with its public headers under include/. MODULES are those of pkg-config that its headers need.
+function(vesk_platform_library name description)
+  cmake_parse_arguments(arg "" "" "SOURCES;LINK;MODULES" ${ARGN})
   add_library(${name} SHARED ${arg_SOURCES})
-  add_library(vesk::${name} ALIAS ${name})
-  target_include_directories(${name} PUBLIC
-    $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_compile_features(${name} PUBLIC cxx_std_20)
   target_link_libraries(${name} PRIVATE vesk_build_flags ${arg_LINK})
-  install(TARGETS ${name} EXPORT vesk-targets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-  install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  vesk_install_library(${name} ${description} ${arg_MODULES})
 endfunction()

@@ -110,6 +110,26 @@ TEST_F(a_connection, to_a_missing_library_or_one_without_the_factory_names_both)
     EXPECT_THAT(failure_of({.backend = "lacking"}), AllOf(HasSubstr("/libvesk-lacking.so has no"), factory));
 }
 
+TEST_F(a_connection, has_the_bus_log_misuse_that_would_go_unseen) {
+    vesk::v1::reqrep_client client;
+    logged();
+    client.request("svc", "get", "", true, nullptr);
+    for (const char* identity : {"svc", "", "a.b", "a:b"}) {
+        vesk::v1::reqrep_server server;
+        server.set_uuid(identity);
+        server.set_command_handler("get", true, nullptr, [](auto&&, auto&&) {});
+    }
+    const auto unreachable = [](const std::string& identity) {
+        return "1 platform/vesk/reqrep_server set_command_handler: server_id=" + identity +
+               " contains “.” or “:”, so no request for command=get can be answered; please fix your code";
+    };
+    EXPECT_EQ(
+        (test::texts{"1 platform/vesk/reqrep_client request: request for svc.get has an empty callback; "
+                     "please fix your code",
+                     unreachable("a.b"), unreachable("a:b")}),
+        logged('1'));
+}
+
 TEST_F(a_connection, is_needed_to_use_a_bus_object_but_not_to_destroy_one) {
     vesk::v1::release_backends();
     subscriber receiver;

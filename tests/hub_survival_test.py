@@ -1,6 +1,8 @@
-"""What a hub outlives: more connections than it has descriptors, a stderr that takes nothing; and whom it lets in."""
+"""What a hub outlives: more connections than it has descriptors, a stderr that takes nothing; what it tells whoever
+has started it; and whom it lets in."""
 
 import contextlib
+import ctypes
 import os
 import pty
 import resource
@@ -105,6 +107,46 @@ class Stderr(EndToEndTest):
         read, write = os.pipe()
         os.close(read)
         self.assert_ends_in_order(self.start_with(write))
+
+
+@contextlib.contextmanager
+def frozen(process):
+    """The youngest thread of a process stands still, all others go on."""
+    attach, detach, any_thread, libc = 16, 17, 0x40000000, ctypes.CDLL(None)
+    thread = max(thread.id for thread in psutil.Process(process.pid).threads())
+    libc.ptrace(attach, thread, None, None)
+    os.waitpid(thread, any_thread)
+    try:
+        yield
+    finally:
+        libc.ptrace(detach, thread, None, None)
+
+
+class ServiceManager(EndToEndTest):
+    @unittest.skipIf(os.environ.get("VESK_EMULATED") == "1", "the youngest thread is the emulator's")
+    def test_hears_that_the_hub_is_ready_lives_and_ends_and_nothing_while_its_relay_stands_still(self):
+        manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.addCleanup(manager.close)
+        manager.settimeout(PATIENCE)
+        manager.bind(f"{self.folder}/manager")
+        hub = self.start_hub("--stats", "0.05", environment=self.environment | {
+            "NOTIFY_SOCKET": f"{self.folder}/manager", "WATCHDOG_USEC": "300000"})
+        self.assertEqual([manager.recv(99) for _ in range(3)], [b"READY=1", b"WATCHDOG=1", b"WATCHDOG=1"])
+        with frozen(hub):
+            still = hub.log.count("relayed")
+            await_that(lambda: hub.log.count("relayed") > still + 10, hub)
+            manager.setblocking(False)
+            with contextlib.suppress(BlockingIOError):
+                while manager.recv(99):
+                    pass
+            await_that(lambda: hub.log.count("relayed") > still + 30, hub)
+            self.assertRaises(BlockingIOError, manager.recv, 99)
+            manager.settimeout(PATIENCE)
+        self.assertEqual(manager.recv(99), b"WATCHDOG=1")
+        self.assertEqual(hub.end(signal.SIGTERM), DONE)
+        while (said := manager.recv(99)) == b"WATCHDOG=1":
+            pass
+        self.assertEqual(said, b"STOPPING=1")
 
 
 @unittest.skipIf(os.geteuid() != 0, "only root can be several users")

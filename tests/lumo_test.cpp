@@ -4,7 +4,7 @@
 
 #include <gmock/gmock.h>
 
-#include <tolvan/lumo/v1/log.hpp>
+#include <tolvan/lumo/v1/stderr_sink.hpp>
 
 #include "support/allocations.hpp"
 #include "support/captured_log.hpp"
@@ -92,6 +92,21 @@ TEST(log_call, that_is_admitted_allocates_nothing) {
     LUMO_LOG(0, "file", "function", "{} {} {} {}", 1, std::uint16_t(2), true, typeid(error));
     LUMO_LOG(0, "file", "function", "{} {} {} {:>9}", error.what(), std::uint8_t(3), milliseconds(4), text);
     EXPECT_EQ(std::pair(before, 2U), std::pair(allocations, records));
+}
+
+TEST(stderr_sink, writes_a_whole_line_for_each_record_that_it_is_to_show) {
+    const std::string longest(4095, 'x');
+    testing::internal::CaptureStderr();
+    {
+        const auto log = lumo::log_to_stderr();
+        LUMO_LOG(lumo::error, "file", "function", "{}", longest);
+        lumo::log(lumo::warning, "file", 7, "function", "text");
+        LUMO_LOG(lumo::statistics, "file", "function", "not shown");
+    }
+    LUMO_LOG(lumo::error, "file", "function", "not shown");
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                testing::MatchesRegex("error file:[0-9]+ function: " + longest +
+                                      "\nwarning file:7 function: text\n"));
 }
 
 TEST(sinks, come_and_go_one_by_one_also_while_they_are_walked_and_may_throw) {

@@ -81,6 +81,16 @@ class Observing(EndToEndTest):
         self.assertLess(len(printed), sent)
         self.assertIn(f"dropped {sent + 1 - len(printed)} messages", sub.log)
 
+    def test_what_was_counted_waits_for_its_reader_as_long_as_it_takes(self):
+        sub = self.start_ready("sub", "t", "--count", "400", stdout=subprocess.PIPE)
+        client, data = self.foreign_client(), "x" * 1000  # more than a pipe holds
+        for _ in range(400):
+            client.publish("t", data, metadata())
+        with self.assertRaises(subprocess.TimeoutExpired):
+            sub.wait(2.5)
+        self.assertEqual(sub.stdout.read(), f"t {data}\n".encode() * 400)
+        self.assert_ends(sub, DONE)
+
     def test_it_ends_with_a_word_when_the_reader_has_gone_or_the_disk_is_full(self):
         sub = self.start_ready("sub", "t", stdout=subprocess.PIPE)
         sub.stdout.close()  # and nothing is published

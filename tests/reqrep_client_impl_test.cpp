@@ -213,8 +213,14 @@ TEST_F(request, that_is_cancelled_while_it_is_published_stays_so_also_when_its_i
 
 TEST_F(request, that_is_made_or_cancelled_leaves_consistent_tables_whatever_allocation_fails) {
     keep_publications();
+    reqrep_client other;
+    const auto ask_with_last_words = [&] {
+        const auto cancel_more = [&](const void*) { other.cancel_all_requests(); };
+        const std::shared_ptr<void> held(nullptr, cancel_more);
+        ask_by(other), client->request("svc", "get", "", true, [held](auto, const auto&) {});
+    };
     test::fail_each_allocation(
-        [&] { ask(), ask(), client->cancel_all_requests(), ask(), client.emplace(), ask(); },
+        [&] { ask_with_last_words(), client->cancel_all_requests(), ask(), client.emplace(), ask(); },
         [&] {
             loop->advance(15'000);
             outcomes.clear();

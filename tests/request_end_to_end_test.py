@@ -31,7 +31,7 @@ class RequestAndReply(EndToEndTest):
             "echo": ("--echo", [BIG], DONE, [BIG], ""),
             "brackets": ("-- printf %s [1,2]", [], DONE, ["[1,2]"], ""),
             "quiet": ("--no-reply -- sh -c 'echo got $(cat) >&2; exit 1'", ["5", "--no-reply"], DONE, [], ""),
-            "complains": ("-- sh -c 'echo the reason >&2; exit 4'", [], FAILED, [], "vesk: the reason"),
+            "complains": ("-- sh -c 'printf \"the\\nreason\" >&2; exit 4'", [], FAILED, [], "vesk: the\nvesk: reason"),
             "exits": ("-- sh -c 'echo 1; exit 4'", [], FAILED, [], "the program exited with status 4"),
             "silent": ("-- true", [], FAILED, [], "the program gave no output"),
             "killed": ("-- sh -c 'kill -9 $$'", [], FAILED, [], "the program was killed by signal 9"),

@@ -38,6 +38,26 @@ struct report_t : answer_t {
     }
 };
 
+enum class heater_t { off, on, broken };
+constexpr auto description(heater_t) {
+    return enumeration(enumerator("off", heater_t::off), enumerator("on", heater_t::on));
+}
+enum level_t : std::uint8_t { low, high };
+
+struct house_t {
+    heater_t heater = heater_t::off;
+    level_t level = low;
+    std::optional<bool> alarm;
+    std::optional<std::string> note;
+    std::array<bool, 2> doors{};
+    std::map<std::string, reading_t> rooms;
+    static constexpr auto description() {
+        return composite(plain("heater", &house_t::heater), plain("level", &house_t::level),
+                         plain("alarm", &house_t::alarm), optional_member("note", &house_t::note),
+                         plain("doors", &house_t::doors), plain("rooms", &house_t::rooms));
+    }
+};
+
 std::string nested(std::size_t depth) {
     return std::string(depth, '[') + std::string(depth, ']');
 }
@@ -159,6 +179,32 @@ std::string read_and_written(const std::string& json) {
     T out{};
     deserialize_from_json_string(json, &out);
     return serialize_to_json_string(out);
+}
+
+TEST(record, has_members_of_the_types_that_people_write) {
+    for (
+        const std::string json :
+        {R"({"heater":"off","level":0,"alarm":null,"doors":[false,true],"rooms":{}})",
+         R"({"heater":"on","level":9,"alarm":true,"note":"","doors":[true,true],"rooms":{"":{"offset":1,"flags":[]}}})"})
+        EXPECT_EQ(read_and_written<house_t>(json), json);
+    const std::string long_name(1'000'000, 'n');
+    for (const auto& [json, reason] : std::map<std::string, std::string>{
+             {R"({"heater":1})", R"(in "heater": expected a string, found an integer)"},
+             {R"({"heater":"broken"})", R"(in "heater": unknown name "broken")"},
+             {R"({"heater":")" + long_name + "\"}",
+              R"(in "heater": unknown name ")" + long_name.substr(0, 100) + "...\""},
+             {R"({"heater":"on","level":256})", R"(in "level": number 256 is out of range)"},
+             {R"({"heater":"on","level":0})", R"(required member "alarm" is missing)"},
+             {R"({"heater":"on","level":0,"alarm":1})",
+              R"(in "alarm": expected a boolean, found an integer)"},
+             {R"({"heater":"on","level":0,"alarm":null,"doors":[true]})",
+              R"(in "doors": expected 2 elements, found 1)"},
+             {R"({"heater":"on","level":0,"alarm":null,"doors":[true,0]})",
+              R"(in "doors": in element 1: expected a boolean, found an integer)"},
+             {R"({"heater":"on","level":0,"alarm":null,"doors":[true,true],"rooms":{"hall":1}})",
+              R"(in "rooms": in "hall": expected an object, found an integer)"}})
+        EXPECT_EQ(refusal<house_t>(json), reason);
+    EXPECT_THROW(serialize_to_json_string(heater_t::broken), std::out_of_range) << "it has no name";
 }
 
 template <typename T>

@@ -90,6 +90,61 @@ TEST_F(subscriber_backend, keeps_one_filter_for_a_topic_until_nobody_wants_it) {
     EXPECT_EQ(hub.set("z"), hub.filter()) << "the duplicate was counted, and keeps the filter of x";
 }
 
+TEST_F(subscriber_backend, finds_whoever_has_a_topic_as_subscribers_come_and_go) {
+    subscriber one, two, three;
+    const auto expect_notified = [this](const texts& names) {
+        for (int again = 0; again < 2; ++again) {  // whom the first message has found is known to the second
+            calls.clear();
+            receive({message("a.b", "")});
+            EXPECT_THAT(calls, testing::UnorderedElementsAreArray(names));
+        }
+        dispatch();
+    };
+    note(one, "a", "one");
+    note(one, "a.b", "one");
+    expect_notified({"one notify a.b", "one notify a.b"});
+    note(two, "a", "two");
+    expect_notified({"one notify a.b", "one notify a.b", "two notify a.b"});
+    one.revoke_subscriptions();
+    expect_notified({"two notify a.b"});
+    note(three, "a.b", "three");
+    note(three, "a.b", "three");
+    expect_notified({"two notify a.b", "three notify a.b"});
+    three.revoke_subscriptions();
+    two.revoke_subscriptions();
+    expect_notified({});
+    note(three, "a.b", "anew");
+    expect_notified({"anew notify a.b"});
+}
+
+TEST_F(subscriber_backend, notifies_subscribers_in_one_order_whatever_they_have) {
+    subscriber one, two;
+    for (const char* const topic : {"both", "p", "q.r"}) note(one, topic, "one");
+    for (const char* const topic : {"both", "p.s", "q"}) note(two, topic, "two");
+    receive({message("both", ""), message("p.s", ""), message("q.r", "")});
+    dispatch();
+    const std::string first = calls.at(0).substr(0, 3), second = calls.at(1).substr(0, 3);
+    texts order;
+    for (const auto& call : calls) order.push_back(call.substr(0, 3));
+    EXPECT_EQ((texts{first, second, first, second, first, second}), texts(order.begin(), order.begin() + 6));
+}
+
+TEST_F(subscriber_backend, needs_no_memory_for_a_delivery_but_after_a_burst) {
+    subscriber one;
+    one.subscribe("x", nullptr, [](const auto&, const auto&) {});
+    const auto allocations_of = [this](std::size_t count) {
+        const std::vector<frames> messages(count, message("x", ""));
+        const auto before = allocations;
+        receive(messages);
+        const auto spent = allocations - before;
+        dispatch();
+        return spent;
+    };
+    const auto small = allocations_of(100), large = allocations_of(300);
+    EXPECT_LE(allocations_of(100), small - 100) << "the queue uses its memory again";
+    EXPECT_GT(allocations_of(300), large - 200) << "but keeps little of it";
+}
+
 TEST_F(subscriber_backend, notifies_at_receipt_and_delivers_one_message_a_millisecond) {
     subscriber one;
     note(one, "x", "one");
@@ -216,6 +271,16 @@ TEST_F(subscriber_backend, logs_what_a_handle_callback_throws_and_goes_on) {
                 testing::UnorderedElementsAre(prefix + ": its text", prefix + " (no more info available)",
                                               prefix + ": bad_function_call"));
     EXPECT_EQ("four x=1", calls.back());
+}
+
+TEST_F(subscriber_backend, decodes_data_to_what_the_callback_takes) {
+    subscriber one;
+    one.subscribe("x", nullptr, [&](const std::string& topic, const std::map<std::string, int>& decoded) {
+        calls.push_back(topic + " a=" + std::to_string(decoded.at("a")));
+    });
+    receive({message("x", R"({"a":1})"), message("x", R"({"a":"1"})"), message("x.y", R"({"a":2})")});
+    dispatch();
+    EXPECT_EQ((texts{"x a=1", "x.y a=2"}), calls);
 }
 
 TEST_F(subscriber_backend, drops_what_is_queued_for_a_revoked_subscriber_and_keeps_the_rest_in_order) {

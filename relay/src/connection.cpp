@@ -1,6 +1,7 @@
 #include "connection.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 
 #include <arpa/inet.h>
@@ -8,6 +9,7 @@
 #include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -74,6 +76,13 @@ std::string name_of(int descriptor) {
     return address.ss_family == AF_UNIX ? process_at(descriptor) : "a peer that left at once";
 }
 
+// libzmq keeps nothing for a peer as long as the kernel takes it: a heartbeat that a stopped process has not
+// read, or the greeting of a stranger, is no reason to blame it.
+bool has_room(int descriptor) {
+    pollfd asked{descriptor, POLLOUT, 0};
+    return poll(&asked, 1, 0) != 0;
+}
+
 // Over tcp the kernel of a frozen peer takes small things, such as heartbeats, so that only what comes
 // counts.
 steady::duration since_last_receipt(int descriptor) {
@@ -91,30 +100,34 @@ connection::connection(int descriptor, steady::time_point now)
       inode(inode_of(descriptor)),
       name(name_of(descriptor)),
       moved(now),
-      empty(now),
+      had_room(now),
       last_sign(now) {}
 
 void connection::look(steady::time_point now) {
     int bytes = 0;
     if (inode == 0 || inode_of(number) != inode || ioctl(number, SIOCOUTQ, &bytes) == -1) return;
     note_unsent(bytes, now);
+    full = bytes > 0 && !has_room(number);
+    if (!full) had_room = now;
     if (over_tcp) last_sign = now - since_last_receipt(number);
 }
 
 // More than before may be a heartbeat of the hub's own, and is no sign of the peer's.
 void connection::note_unsent(int bytes, steady::time_point now) {
-    if (bytes == 0) given_up = false;
-    if (bytes == 0) empty = now;
-    if (bytes == 0 || bytes < unsent) last_sign = now;
+    const bool has_taken_some = bytes == 0 || bytes < unsent;
+    if (has_taken_some) last_sign = now;
+    if (has_taken_some) given_up = false;
     if (bytes != unsent) moved = now;
     unsent = bytes;
 }
 
 // The check is made on a duplicate, which nobody else can close and whose number nobody else can get.
-void connection::cut() {
+bool connection::cut() {
     const wire::descriptor same(fcntl(number, F_DUPFD_CLOEXEC, 0));
+    if (same.get() == -1 && errno == EMFILE) return false;
     was_cut = true;
     if (inode != 0 && inode_of(same.get()) == inode) shutdown(same.get(), SHUT_RDWR);
+    return true;
 }
 
 }  // namespace tolvan::relay

@@ -1,6 +1,7 @@
 #include "connections.hpp"
 
 #include <algorithm>
+#include <tuple>
 
 #include "limits.hpp"
 
@@ -11,6 +12,7 @@ using namespace std::chrono_literals;
 
 // Looks that are too close to each other would find a stall in any two packets.
 constexpr auto between_looks = 50ms;
+constexpr auto between_looks_at_jams = 5ms;
 
 // A process that reads is not kept from it for so long, unless the machine is overloaded.
 constexpr auto stall = 100ms;
@@ -80,10 +82,14 @@ hub::report::event connections::reason_of_end(const connection& gone, steady::ti
     return gone.silent(now) > silence ? event::fell_silent : event::disconnected;
 }
 
-void connections::look(steady::time_point now) {
-    if (now - looked < between_looks) return;
+void connections::look(steady::time_point now, steady::duration least_age) {
+    if (now - looked < least_age) return;
     looked = now;
     for (auto& [descriptor, each] : present) each.look(now);
+}
+
+void connections::look(steady::time_point now) {
+    look(now, between_looks);
 }
 
 bool connections::any_to_cut(steady::time_point now) const {
@@ -97,7 +103,9 @@ bool connections::all_keep_up(steady::time_point now) const {
                        [now](const auto& each) { return each.second.behind(now) < stall; });
 }
 
+// The jam may have come in less time than passes from one look to the next.
 void connections::report_jam(steady::time_point now) {
+    look(now, between_looks_at_jams);
     bool told = false;
     for (auto& [descriptor, each] : present) {
         if (each.stalled(now) < stall || each.is_given_up()) continue;
@@ -105,7 +113,12 @@ void connections::report_jam(steady::time_point now) {
         told = true;
     }
     if (told) return;
-    connection* const slow = longest([now](const auto& each) { return each.behind(now); }, 1ns);
+    connection* const slow = longest(
+        [now](const auto& each) {
+            const bool may_be_new = each.behind(now) > 0ns && !each.is_given_up();
+            return std::tuple(may_be_new, each.stalled(now), each.behind(now));
+        },
+        std::tuple(false, steady::duration(0), steady::duration(1)));
     if (slow != nullptr) return report_jam_of(*slow);
     report(event::jammed, "");
 }
@@ -122,14 +135,14 @@ bool connections::cut_the_slowest(steady::time_point now, bool any_will_do) {
         slowest =
             longest([now](const auto& each) { return each.behind(now); }, any_will_do ? 1ns : far_behind);
     if (slowest == nullptr) return false;
-    slowest->cut();
+    if (!slowest->cut()) return false;
     last_cut = now;
     report(event::cut, slowest->peer());
     return true;
 }
 
-template <typename Duration>
-connection* connections::longest(Duration duration, steady::duration least) {
+template <typename Duration, typename Least>
+connection* connections::longest(Duration duration, Least least) {
     connection* found = nullptr;
     for (auto& [descriptor, each] : present) {
         if (each.is_cut() || duration(each) < least) continue;

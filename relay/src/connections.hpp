@@ -34,8 +34,9 @@ class connections {
     /// Whether nobody is behind.
     bool all_keep_up(steady::time_point now) const;
 
-    /// Reports as jammed those that have stopped taking what the hub sends; when there are none, the one that
-    /// has been behind for the longest; when nobody is, a jam without a name.
+    /// Reports as jammed those that have stopped taking what the hub sends, each once; when there are none,
+    /// the one that is behind and was not reported, and has taken nothing for the longest; without one, one
+    /// that was reported; when nobody is behind, a jam without a name.
     void report_jam(steady::time_point now);
 
     /// Cuts the connection that has taken nothing for the longest, and reports it. Without one that is
@@ -48,14 +49,15 @@ class connections {
     void add(int descriptor, steady::time_point now);
     void note_greeting();
     void remove(int descriptor, steady::time_point now);
+    void look(steady::time_point now, steady::duration least_age);
     std::size_t not_surely_greeted() const;
     hub::report::event reason_of_end(const connection& gone, steady::time_point now) const;
     void report_jam_of(connection& slow);
     void report(hub::report::event what, const std::string& peer);
 
     /// The present connection for which `duration` is longest, and at least `least`; null without one.
-    template <typename Duration>
-    connection* longest(Duration duration, steady::duration least);
+    template <typename Duration, typename Least>
+    connection* longest(Duration duration, Least least);
 
     const bool publishers;
     report_queue& reports;

@@ -112,8 +112,8 @@ reqrep_client_impl::issue_t reqrep_client_impl::allocate_id() {
 }
 
 void reqrep_client_impl::make_room_for_cancelled() {
-    const std::size_t needed = outstanding_requests.size();
-    if (room_for_cancelled.capacity() < needed) room_for_cancelled.reserve(needed + needed / 8);
+    const std::size_t needed = outstanding_requests.size() + leaving.size();
+    if (leaving.capacity() < needed) leaving.reserve(needed + needed / 8);
 }
 
 // A record that names its client has its id in that client's list.
@@ -220,12 +220,20 @@ void reqrep_client_impl::cancel_request(v1::reqrep_client* /*client*/, unsigned 
 void reqrep_client_impl::cancel_all_requests(v1::reqrep_client* client) {
     const auto ids = requests_by_client.extract(client);
     if (!ids) return;
+    const std::size_t before = leaving.size();
+    for (auto id = ids.mapped().rbegin(); id != ids.mapped().rend(); ++id)
+        leaving.push_back(outstanding_requests.extract(*id));
+    destroy_leaving(before);
+}
+
+// The last first, until so many are left: those of a cancellation that is under way. A callback's captures
+// may do anything when they are destroyed, cancel more or replace this backend.
+void reqrep_client_impl::destroy_leaving(std::size_t until) {
     const auto self = weak_from_this();
-    auto cancelled = std::exchange(room_for_cancelled, {});
-    for (const unsigned short id : ids.mapped()) cancelled.push_back(outstanding_requests.extract(id));
-    cancelled.clear();  // the callbacks are destroyed last, and may do anything
-    if (!self.expired() && room_for_cancelled.capacity() < cancelled.capacity())
-        room_for_cancelled.swap(cancelled);
+    while (!self.expired() && leaving.size() > until) {
+        const auto gone = std::move(leaving.back());
+        leaving.pop_back();
+    }
 }
 
 reqrep_client_impl::request_table::iterator reqrep_client_impl::request_itr_from_reply_topic(

@@ -26,25 +26,11 @@ constexpr event_loop_v1::milliseconds dispatch_delay{1};
 constexpr event_loop_v1::milliseconds next_turn{0};
 constexpr event_loop_v1::milliseconds no_period{0};
 constexpr std::int64_t report_interval_ms = 3'600'000;
+constexpr std::size_t most_spare_nodes = 128;  // some 10 KB
 
-struct frame {
-    text_ptr bytes;  ///< a copy with a NUL behind it; empty when there was no frame
-    std::size_t size = 0;
-
-    std::string text() const { return bytes.get(); }
-};
-
-frame pop_frame(zmsg_t* message) {
-    zframe_t* const first = zmsg_first(message);
-    const std::size_t size = first == nullptr ? 0 : zframe_size(first);
-    return {text_ptr(zmsg_popstr(message)), size};
+std::string pop_text(zmsg_t* message) {
+    return text_ptr(zmsg_popstr(message)).get();
 }
-
-// Shared as one by all deliveries of a message.
-struct topic_and_data {
-    std::string topic;
-    std::string data;
-};
 
 // Whether a subscription topic of that length, being a prefix of `received`, covers whole segments of it.
 bool ends_segment(const std::string& received, std::size_t length) {
@@ -61,6 +47,12 @@ std::int64_t wrapping_sum(std::int64_t a, std::int64_t b) {
 }
 
 }  // namespace
+
+// Shared as one by all deliveries of a message.
+struct subscriber_impl::topic_and_data {
+    std::string topic;
+    std::string data;
+};
 
 subscriber_impl::subscriber_impl(std::shared_ptr<event_loop_v1> loop, const std::string& endpoint)
     : event_loop(std::move(loop)), sub_socket(ZMQ_SUB) {
@@ -86,18 +78,21 @@ void subscriber_impl::subscribe(v1::subscriber* s, const std::string& topic,
     auto new_notify = shareable(std::move(notify));
     auto& topics = subscriptions[s];
     const auto [entry, added] = topics.try_emplace(topic);
+    topic_record* record = nullptr;
     try {
-        add_topic_reference(topic);
+        record = &add_topic_reference(topic);
     } catch (...) {
         if (added) topics.erase(entry);
         throw;
     }
-    if (added)
+    if (added) {
         entry->second.serial = ++last_serial;
-    else
+        record->only_holder = ++record->holders == 1 ? place{s, &entry->second} : place{};
+    } else {
         LUMO_LOG(lumo::v1::warning, source_file, "subscribe",
                  "duplicate subscription by id={} for topic={} detected, please fix your code",
                  s->get_uuid_or_luid(), topic);
+    }
     entry->second.notify_fn.swap(new_notify);
     entry->second.handle_fn.swap(new_handle);
 }
@@ -106,25 +101,29 @@ void subscriber_impl::revoke_subscriptions(v1::subscriber* s) {
     dispatch_queue.remove_if([s](const message& queued) { return queued.subscriber == s; });
     const auto revoked = subscriptions.extract(s);  // its callbacks are destroyed last
     if (!revoked) return;
+    ++revocations;
     for (const auto& subscription : revoked.mapped()) remove_topic_reference(subscription.first);
 }
 
-void subscriber_impl::add_topic_reference(const std::string& topic) {
+subscriber_impl::topic_record& subscriber_impl::add_topic_reference(const std::string& topic) {
     const auto known = topic_refs.find(topic);
     if (known != topic_refs.end()) {
-        ++known->second;
-        return;
+        ++known->second.references;
+        return known->second;
     }
     unsigned& topics_of_that_length = topic_lengths[topic.size()];  // a 0 that stays there does no harm
-    topic_refs.emplace(topic, 1);
+    topic_record& added = topic_refs.try_emplace(topic, topic_record{.references = 1}).first->second;
     ++topics_of_that_length;
     LUMO_LOG(lumo::v1::trace, source_file, "subscribe", "subscribing to topic=“{}”", topic);
     zsock_set_subscribe(sub_socket.get(), topic.c_str());
+    return added;
 }
 
 void subscriber_impl::remove_topic_reference(const std::string& topic) {
     const auto known = topic_refs.find(topic);
-    if (--known->second > 0) return;
+    --known->second.holders;
+    known->second.only_holder = {};
+    if (--known->second.references > 0) return;
     LUMO_LOG(lumo::v1::trace, source_file, "revoke_subscriptions", "unsubscribing to topic={}", topic);
     zsock_set_unsubscribe(sub_socket.get(), topic.c_str());
     topic_refs.erase(known);
@@ -184,25 +183,27 @@ void subscriber_impl::receive_message() {
         return;
     }
     const auto texts = std::make_shared<topic_and_data>();
-    texts->topic = pop_frame(received.get()).text();
-    texts->data = pop_frame(received.get()).text();
+    texts->topic = pop_text(received.get());
+    texts->data = pop_text(received.get());
     read_metadata(received.get());
     received.reset();
-    deliver({texts, &texts->topic}, {texts, &texts->data});
+    deliver(texts);
 }
 
 void subscriber_impl::read_metadata(zmsg_t* received) {
-    const frame third = pop_frame(received);
-    if (!third.bytes) return;
-    const auto version = static_cast<unsigned char>(third.bytes.get()[0]);  // of an empty frame the NUL: 0
+    zframe_t* const third = zmsg_first(received);
+    if (third == nullptr) return;
+    const std::size_t size = zframe_size(third);  // what is popped does not tell it
+    const text_ptr bytes(zmsg_popstr(received));
+    const auto version = static_cast<unsigned char>(bytes.get()[0]);  // of an empty frame the NUL: 0
     if (version != metadata_t::current_version) {
         LUMO_LOG(lumo::v1::error, source_file, "subscription_handler", "unsupported metadata version={}",
                  version);
         return;
     }
     metadata_t metadata;
-    if (third.size < sizeof metadata) return;
-    std::memcpy(&metadata, third.bytes.get(), sizeof metadata);
+    if (size < sizeof metadata) return;
+    std::memcpy(&metadata, bytes.get(), sizeof metadata);
     update_latency(metadata.timestamp_ms);
 }
 
@@ -218,58 +219,100 @@ void subscriber_impl::update_latency(std::int64_t timestamp_ms) {
     stats_since = now;
 }
 
-void subscriber_impl::deliver(const std::shared_ptr<std::string>& topic,
-                              const std::shared_ptr<std::string>& data) {
+void subscriber_impl::deliver(const std::shared_ptr<topic_and_data>& texts) {
     const auto self = weak_from_this();
     // Enough for what a message matches as a rule; beyond it the heap serves.
     std::array<std::byte, 512> room;
     std::pmr::monotonic_buffer_resource scratch(room.data(), room.size());
-    for (const match& found : find_matches(wanted_topics(*topic, scratch), scratch)) {
-        const sub_functions* subscription = find_subscription(found);
+    const std::uint64_t revocations_before = revocations;
+    for (const match& found : find_matches(find_wanted_topics(texts->topic, scratch), scratch)) {
+        const sub_functions* subscription = look_again(found, revocations_before);
         if (subscription == nullptr) continue;
         if (subscription->notify_fn) {
-            call_out(subscription->notify_fn, *topic);
+            call_out(subscription->notify_fn, texts->topic);
             if (self.expired()) return;
-            subscription = find_subscription(found);
+            subscription = look_again(found, revocations_before);
             if (subscription == nullptr) continue;
         }
-        dispatch_queue.push_back({found.subscriber, topic, data, &subscription->handle_fn, ++last_serial});
+        enqueue({found.at.subscriber,
+                 {texts, &texts->topic},
+                 {texts, &texts->data},
+                 &subscription->handle_fn,
+                 ++last_serial});
         if (!dispatch_timer || !dispatch_timer->pending) start_dispatch_timer();
     }
 }
 
-// The topics with subscriptions that `received` matches, in ascending order. Goes by the lengths that
+// The topics that `received` matches and that somebody has, in ascending order. Goes by the lengths that
 // subscribed topics have: whatever is received, it costs no more than the subscribed topics are long.
-std::pmr::vector<std::string_view> subscriber_impl::wanted_topics(const std::string& received,
-                                                                  std::pmr::memory_resource& scratch) const {
-    std::pmr::vector<std::string_view> wanted(&scratch);
+subscriber_impl::wanted_topics subscriber_impl::find_wanted_topics(const std::string& received,
+                                                                   std::pmr::memory_resource& scratch) {
+    wanted_topics wanted(&scratch);
     for (const auto& [length, topics] : topic_lengths) {
         if (length > received.size()) break;
         if (!ends_segment(received, length)) continue;
         const std::string_view prefix(received.data(), length);
-        if (topic_refs.contains(prefix)) wanted.push_back(prefix);
+        const auto known = topic_refs.find(prefix);
+        if (known != topic_refs.end() && known->second.holders > 0)
+            wanted.emplace_back(prefix, &known->second);
     }
     return wanted;
 }
 
+// In the order of the registry. When one subscriber alone has all the wanted topics, nobody else is asked.
 std::pmr::vector<subscriber_impl::match> subscriber_impl::find_matches(
-    const std::pmr::vector<std::string_view>& wanted, std::pmr::memory_resource& scratch) const {
+    const wanted_topics& wanted, std::pmr::memory_resource& scratch) const {
     std::pmr::vector<match> found(&scratch);
     if (wanted.empty()) return found;
-    for (const auto& [subscriber, topics] : subscriptions)
-        for (const std::string_view topic : wanted)
-            if (const auto entry = topics.find(topic); entry != topics.end())
-                found.push_back({subscriber, topic, entry->second.serial});
+    const v1::subscriber* const holder = wanted.front().second->only_holder.subscriber;
+    const auto is_the_holders = [holder](const auto& topic) {
+        return topic.second->only_holder.subscriber == holder;
+    };
+    if (holder == nullptr || !std::all_of(wanted.begin(), wanted.end(), is_the_holders)) {
+        ask_everybody(wanted, found);
+        return found;
+    }
+    for (const auto& [topic, record] : wanted)
+        found.push_back({record->only_holder, topic, record->only_holder.subscription->serial});
     return found;
 }
 
+// Whoever turns out to be the only holder of a topic is found at once from then on.
+void subscriber_impl::ask_everybody(const wanted_topics& wanted, std::pmr::vector<match>& found) const {
+    for (const auto& [subscriber, topics] : subscriptions)
+        for (const auto& [topic, record] : wanted) {
+            const auto entry = topics.find(topic);
+            if (entry == topics.end()) continue;
+            const place at{subscriber, &entry->second};
+            if (record->holders == 1) record->only_holder = at;
+            found.push_back({at, topic, entry->second.serial});
+        }
+}
+
 // Nothing when the subscription is gone, also when another one was made in its place.
-const subscriber_impl::sub_functions* subscriber_impl::find_subscription(const match& found) const {
-    const auto subscriber = subscriptions.find(found.subscriber);
+const subscriber_impl::sub_functions* subscriber_impl::look_again(const match& found,
+                                                                  std::uint64_t revocations_before) const {
+    if (revocations == revocations_before) return found.at.subscription;
+    const auto subscriber = subscriptions.find(found.at.subscriber);
     if (subscriber == subscriptions.end()) return nullptr;
     const auto entry = subscriber->second.find(found.topic);
     const bool same = entry != subscriber->second.end() && entry->second.serial == found.serial;
     return same ? &entry->second : nullptr;
+}
+
+void subscriber_impl::enqueue(message&& delivery) {
+    if (spare_nodes.empty()) {
+        dispatch_queue.push_back(std::move(delivery));
+        return;
+    }
+    spare_nodes.front() = std::move(delivery);
+    dispatch_queue.splice(dispatch_queue.end(), spare_nodes, spare_nodes.begin());
+}
+
+void subscriber_impl::remove_front() {
+    if (spare_nodes.size() == most_spare_nodes) return dispatch_queue.pop_front();
+    dispatch_queue.front() = {};
+    spare_nodes.splice(spare_nodes.begin(), dispatch_queue, dispatch_queue.begin());
 }
 
 void subscriber_impl::start_dispatch_timer() {
@@ -284,7 +327,7 @@ void subscriber_impl::dispatch_one_message() {
     make_delivery(dispatch_queue.front());
     if (self.expired()) return;
     // A callback that revoked its own subscriber has taken the running message off the queue itself.
-    if (!dispatch_queue.empty() && dispatch_queue.front().serial == running) dispatch_queue.pop_front();
+    if (!dispatch_queue.empty() && dispatch_queue.front().serial == running) remove_front();
     if (!dispatch_queue.empty()) start_dispatch_timer();
 }
 

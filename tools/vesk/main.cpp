@@ -13,6 +13,7 @@
 #include "options/option_table.hpp"
 #include "options/usage_errors.hpp"
 #include "streams/standard_output.hpp"
+#include "terminal/signals.hpp"
 #include "terminal/tell.hpp"
 
 namespace tolvan::vesk::tool {
@@ -56,15 +57,15 @@ void describe(CLI::App& app) {
 void add_commands(CLI::App& app, const common_options& common, chosen_command& chosen) {
     add_hub_command(app, common, chosen);
     add_pub_command(app, common, chosen);
-    add_replay_command(app, common, chosen);
     add_sub_command(app, common, chosen);
-    add_record_command(app, common, chosen);
     add_request_command(app, common, chosen);
     add_serve_command(app, common, chosen);
-    add_bench_command(app, common, chosen);
+    add_record_command(app, common, chosen);
+    add_replay_command(app, common, chosen);
     add_top_command(app, common, chosen);
     add_trace_command(app, common, chosen);
     add_check_command(app, common, chosen);
+    add_bench_command(app, common, chosen);
     add_help_command(app, chosen);
 }
 
@@ -87,6 +88,7 @@ std::optional<int> parse(CLI::App& app, int argc, char** argv) {
 
 int run(int argc, char** argv) {
     open_missing_standard_streams();
+    let_writes_fail();
     CLI::App app("Shows the vesk message bus at work, from a shell", "vesk");
     common_options common;
     chosen_command chosen;

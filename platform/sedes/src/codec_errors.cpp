@@ -1,3 +1,4 @@
+#include <stdexcept>
 #include <string>
 
 #include <tolvan/sedes/v1/codec_errors.hpp>
@@ -7,8 +8,11 @@ namespace tolvan::sedes::v1 {
 
 namespace {
 
-std::string quoted(std::string_view key) {
-    return "\"" + std::string{key} + "\"";
+constexpr std::size_t longest_quoted = 100;
+
+std::string quoted(std::string_view text) {
+    const bool whole = text.size() <= longest_quoted;
+    return "\"" + std::string{text.substr(0, longest_quoted)} + (whole ? "\"" : "...\"");
 }
 
 }  // namespace
@@ -19,6 +23,19 @@ void throw_wrong_kind(const char* expected, const Variant& found) {
 
 void throw_out_of_range(const Variant& found) {
     throw bad_deserialization_source{"number " + found.toJson() + " is out of range"};
+}
+
+void throw_wrong_size(std::size_t expected, std::size_t found) {
+    throw bad_deserialization_source{"expected " + std::to_string(expected) + " elements, found " +
+                                     std::to_string(found)};
+}
+
+void throw_unknown_name(std::string_view found) {
+    throw bad_deserialization_source{"unknown name " + quoted(found)};
+}
+
+void throw_nameless(std::int64_t value) {
+    throw std::out_of_range{"no name for enumerator " + std::to_string(value)};
 }
 
 void throw_missing_member(std::string_view key) {

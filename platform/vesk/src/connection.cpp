@@ -21,13 +21,15 @@ namespace {
 constexpr const char* factory_symbol = "tolvan_vesk_v1_connection_impl";
 using factory_function = void(connection::impl** result);
 
-// The path of that file beside this library; the bare name, for the dynamic linker to search, when there is
-// none.
+// The path of that file beside this library, or in the folder for backends there; the bare name, for the
+// dynamic linker to search, when there is none.
 std::string beside_this_library(const std::string& name) {
     Dl_info here = {};
     if (::dladdr(reinterpret_cast<void*>(&release_backends), &here) == 0) return name;
-    const auto path = std::filesystem::path(here.dli_fname).replace_filename(name);
-    return std::filesystem::exists(path) ? path.string() : name;
+    const auto folder = std::filesystem::path(here.dli_fname).parent_path();
+    for (const auto& path : {folder / name, folder / VESK_PLUGIN_FOLDER / name})
+        if (std::filesystem::exists(path)) return path.string();
+    return name;
 }
 
 std::string library_of(const std::string& backend) {

@@ -1,3 +1,4 @@
+#include <tolvan/lumo/v1/log.hpp>
 #include <tolvan/vesk/v1/reqrep_client.hpp>
 
 #include "installed.hpp"
@@ -17,6 +18,9 @@ reqrep_client::~reqrep_client() {
 unsigned short reqrep_client::request(const std::string& target, const std::string& command,
                                       const std::string& payload, bool reply_needed,
                                       reply_callback&& callback) {
+    if (!callback)
+        LUMO_LOG(lumo::v1::warning, "platform/vesk/reqrep_client", "request",
+                 "request for {}.{} has an empty callback; please fix your code", target, command);
     return installed(backend::instance, "reqrep_client::request")
         ->request(this, target, command, payload, reply_needed, std::move(callback));
 }

@@ -1,3 +1,4 @@
+#include <tolvan/lumo/v1/log.hpp>
 #include <tolvan/vesk/v1/reqrep_server.hpp>
 
 #include "installed.hpp"
@@ -14,6 +15,12 @@ reqrep_server::~reqrep_server() {
 
 void reqrep_server::set_command_handler(const std::string& command, bool reply_needed,
                                         payload_deserializer deserializer, command_handler&& handler) {
+    const std::string& identity = get_uuid_or_luid();
+    if (identity.find_first_of(".:") != std::string::npos)
+        LUMO_LOG(lumo::v1::warning, "platform/vesk/reqrep_server", "set_command_handler",
+                 "server_id={} contains “.” or “:”, so no request for command={} can be answered; please fix "
+                 "your code",
+                 identity, command);
     installed(backend::instance, "reqrep_server::set_command_handler")
         ->set_command_handler(this, command, reply_needed, deserializer, std::move(handler));
 }

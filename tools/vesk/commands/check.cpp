@@ -1,13 +1,14 @@
 #include <algorithm>
-#include <iostream>
 #include <memory>
 #include <optional>
+#include <system_error>
 #include <utility>
 #include <vector>
 
 #include <fmt/format.h>
 
 #include <tolvan/vesk/toolkit/hub_presence.hpp>
+#include <tolvan/vesk/toolkit/probe_pace.hpp>
 #include <tolvan/vesk/toolkit/probe_topic.hpp>
 #include <tolvan/vesk/v1/reqrep_client.hpp>
 #include <tolvan/wire/sender.hpp>
@@ -20,6 +21,7 @@
 #include "observing/observer.hpp"
 #include "options/help_text.hpp"
 #include "options/validators.hpp"
+#include "streams/standard_output.hpp"
 #include "terminal/printable.hpp"
 #include "terminal/quantities.hpp"
 
@@ -28,9 +30,6 @@ namespace tolvan::vesk::tool {
 namespace {
 
 using clock = std::chrono::steady_clock;
-
-constexpr event_process::milliseconds first_probe_interval{1};
-constexpr event_process::milliseconds longest_probe_interval{20};
 
 // As monitoring has them.
 enum state : int { ok, warning, critical, unknown = monitoring_unknown };
@@ -106,8 +105,7 @@ class hub_check {
 
     void send_again() {
         sender.send(probe.with(trial), "");
-        next = process.after(interval, [this] { send_again(); });
-        interval = std::min(2 * interval, longest_probe_interval);
+        next = process.after(pace.next(), [this] { send_again(); });
     }
 
     void see(const std::string& topic) {
@@ -133,7 +131,7 @@ class hub_check {
     wire::tap tap;
     wire::sender sender;
     event_process::timer deadline, next;
-    event_process::milliseconds interval = first_probe_interval;
+    toolkit::probe_pace pace;
     clock::time_point sent_at;
     finding result{unknown, "interrupted"};
 };
@@ -200,8 +198,13 @@ finding found(const common_options& common, const check_options& options) {
 
 int run_check(const common_options& common, const check_options& options) {
     const finding result = found(common, options);
-    std::cout << line_of(result, options) << std::endl;
-    return std::cout ? result.what : unknown;
+    try {
+        put_out(line_of(result, options) + "\n");
+    } catch (const std::system_error& error) {
+        tell(error.what());
+        return failed;  // as every command, though a monitoring system may take it for a warning
+    }
+    return result.what;
 }
 
 // Throws CLI::ValidationError.

@@ -15,15 +15,16 @@
 #include <tolvan/relay/accept_guard.hpp>
 #include <tolvan/relay/hub.hpp>
 
-#include "bus/session.hpp"
 #include "commands/commands.hpp"
 #include "exit_code.hpp"
 #include "hub/hub_reports.hpp"
+#include "hub/service_manager.hpp"
 #include "hub/status_service.hpp"
 #include "options/help_text.hpp"
 #include "options/user_group.hpp"
 #include "options/validators.hpp"
 #include "terminal/signals.hpp"
+#include "terminal/tell.hpp"
 
 namespace tolvan::vesk::tool {
 
@@ -78,13 +79,15 @@ void tell_refusals(std::uint64_t& told) {
 }
 
 void report_until_told(const termination_signals& signals, relay::hub& hub, status_service* status,
-                       seconds stats_interval, bool every_connection) {
+                       service_manager& manager, seconds stats_interval, bool every_connection) {
     hub_reports reports(every_connection);
     hub_statistics statistics;
-    periodic troubles(seconds(1)), stats(stats_interval), looks(seconds(status == nullptr ? 0 : 1));
+    periodic troubles(seconds(1)), stats(stats_interval), looks(seconds(status == nullptr ? 0 : 1)),
+        signs_of_life(manager.watch_interval());
     std::uint64_t told_refusals = 0;
-    while (
-        !wait_for_signal(signals, hub, std::min({reports.due(), troubles.due(), stats.due(), looks.due()}))) {
+    while (!wait_for_signal(
+        signals, hub,
+        std::min({reports.due(), troubles.due(), stats.due(), looks.due(), signs_of_life.due()}))) {
         reports.take(hub.take_reports(), clock::now());
         troubles.when_due([&] {
             tell_what_was_missed();
@@ -92,6 +95,7 @@ void report_until_told(const termination_signals& signals, relay::hub& hub, stat
         });
         stats.when_due([&] { tell(statistics.line(hub.read_counters())); });
         looks.when_due([&] { status->look(); });
+        signs_of_life.when_due([&] { manager.watch(hub.read_counters().turns); });
     }
 }
 
@@ -119,7 +123,7 @@ std::unique_ptr<status_service> begin_status(const relay::hub& hub, const hub_op
 // The status page is bound before the hub is made: when it cannot be, nothing has begun.
 int run_hub(const common_options& common, const hub_options& options) {
     const termination_signals signals;
-    ignore_signals_about_output();
+    write_behind_others();
     auto listener = status_listener(options);
     relay::guard_descriptors(listener ? http_server::most_connections : 0);
     relay::hub hub({common.pub_endpoint, common.sub_endpoint, options.allow_remote, group_of(common, options),
@@ -127,7 +131,10 @@ int run_hub(const common_options& common, const hub_options& options) {
     tell("hub bound to " + hub.pub_endpoint() + " and " + hub.sub_endpoint());
     const auto status = begin_status(hub, options, std::move(listener));
     tell(fmt::format("room for {} connections; a client has two", relay::room_for_connections()));
-    report_until_told(signals, hub, status.get(), options.stats_interval, common.log_level >= 3);
+    service_manager manager;
+    manager.say_ready();
+    report_until_told(signals, hub, status.get(), manager, options.stats_interval, common.log_level >= 3);
+    manager.say_stopping();
     return done;
 }
 

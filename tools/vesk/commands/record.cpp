@@ -49,7 +49,7 @@ class record_command {
   public:
     record_command(const common_options& common, const record_options& given)
         : options(given),
-          process([this] { end(done); }),
+          process([this] { end_soon(); }),
           output(process, opened(given.file), given.file == standard_output ? "stdout" : given.file),
           view(process, common, given.topics,
                {.message = [this](const auto& message) { record(message); },
@@ -78,17 +78,20 @@ class record_command {
     }
 
     void end(int code) {
-        if (!output.is_ending()) {
-            counted.lost = output.dropped();
-            counted.hub_away = view.time_away();
-            output.add_anyway([this](std::string& to) { recording::append_end(to, counted); });
-        }
+        if (output.is_ending()) return;
+        counted.lost = output.dropped();
+        counted.hub_away = view.time_away();
+        output.add_anyway([this](std::string& to) { recording::append_end(to, counted); });
         output.finish(code);
     }
 
+    void end_soon() {
+        end(done);
+        output.finish_soon(done);
+    }
+
     void end_in_time() {
-        if (output.is_ending()) return;
-        if (counted.messages > 0 || view.hub_is_ready()) return end(done);
+        if (output.is_ending() || counted.messages > 0 || view.hub_is_ready()) return end(done);
         tell(fmt::format("timed out: {} within {:g} s", view.what_is_missing(), options.duration.count()));
         end(timed_out);
     }

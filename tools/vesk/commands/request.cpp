@@ -1,6 +1,6 @@
-#include <iostream>
 #include <memory>
 #include <optional>
+#include <system_error>
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -15,6 +15,7 @@
 #include "exit_code.hpp"
 #include "options/help_text.hpp"
 #include "options/validators.hpp"
+#include "streams/standard_output.hpp"
 #include "streams/whole_input.hpp"
 #include "terminal/hub_notes.hpp"
 #include "terminal/printable.hpp"
@@ -91,10 +92,12 @@ class request_command {
         if (answered == id && !acknowledged_after) acknowledged_after = process.loop().now() - *sent_at;
     }
 
-    void succeed(const std::string* reply) {
-        if (reply != nullptr) std::cout << shown_on(STDOUT_FILENO, *reply) << std::endl;
-        if (!std::cout) return process.finish(failed, "could not write to stdout");
+    // What is thrown here would end in the bus.
+    void succeed(const std::string* reply) try {
+        if (reply != nullptr) put_out(shown_on(STDOUT_FILENO, *reply) + "\n");
         process.finish(done);
+    } catch (const std::system_error& error) {
+        process.finish(failed, error.what());
     }
 
     void fail(const std::exception_ptr& failure) {

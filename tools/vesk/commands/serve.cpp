@@ -123,7 +123,6 @@ class serve_command {
     serve_command(const common_options& common, const serve_options& given)
         : options(given), process(common, done), notes(process, common, hub_notes::detail::all) {
         std::signal(SIGCHLD, SIG_DFL);  // whoever started this may have it ignored; then no status is kept
-        std::signal(SIGPIPE, SIG_IGN);  // a stderr that nobody reads is no reason to leave programs behind
         server.set_uuid(options.id);
         server.set_command_handler<opaque_json_block>(
             options.command, !options.no_reply,

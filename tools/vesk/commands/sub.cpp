@@ -44,7 +44,7 @@ class sub_command {
     sub_command(const common_options& common, const sub_options& given)
         : options(given),
           format(given.format.value_or("%t %p")),
-          process([this] { output.finish(done); }),
+          process([this] { output.finish_soon(done); }),
           output(process, nonblocking_output(STDOUT_FILENO), "stdout"),
           view(process, common, given.topics,
                {.message = [this](const auto& message) { print(message); },
@@ -87,7 +87,7 @@ class sub_command {
         tell(fmt::format("timed out: {} within {:g} s",
                          waits_for_hub ? view.what_is_missing() : fmt::format("{} messages", printed),
                          options.timeout.count()));
-        output.finish(timed_out);
+        output.finish_soon(timed_out);
     }
 
     const sub_options& options;

@@ -1,8 +1,8 @@
 #include <algorithm>
-#include <iostream>
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -15,6 +15,7 @@
 #include "observing/topic_rates.hpp"
 #include "options/help_text.hpp"
 #include "options/validators.hpp"
+#include "streams/standard_output.hpp"
 #include "terminal/printable.hpp"
 #include "terminal/quantities.hpp"
 #include "terminal/screen.hpp"
@@ -24,7 +25,6 @@ namespace tolvan::vesk::tool {
 namespace {
 
 constexpr seconds hub_patience{5};
-constexpr seconds usual_reply_patience{30};
 
 struct top_options {
     std::vector<std::string> topics;
@@ -40,9 +40,9 @@ class observed_traffic {
     observed_traffic(event_process& process, const common_options& common, const top_options& options,
                      std::function<void()> when_ready)
         : depth(options.depth),
-          requests(options.topics.empty()
-                       ? std::make_unique<request_pairs>(usual_reply_patience, [](const auto&) {})
-                       : nullptr),
+          requests(options.topics.empty() ? std::make_unique<request_pairs>(
+                                                request_pairs::usual_reply_patience, [](const auto&) {})
+                                          : nullptr),
           ready(std::move(when_ready)),
           observed(
               process, common, options.topics,
@@ -106,18 +106,18 @@ class top_once {
     void print() {
         auto interval = traffic.take_interval();
         sort_first(interval.rows, interval.rows.size(), usual_order);
-        options.json ? print_object(interval) : print_table(interval);
-        std::cout << std::flush;
-        if (!std::cout) throw std::runtime_error("could not write to stdout");
+        put_out(options.json ? as_object(interval) : as_table(interval));
     }
 
-    void print_object(const topic_rates::interval& interval) const {
-        std::cout << as_variant(interval, traffic.requests_in_flight()).toJson() << '\n';
+    std::string as_object(const topic_rates::interval& interval) const {
+        return as_variant(interval, traffic.requests_in_flight()).toJson() + "\n";
     }
 
-    void print_table(const topic_rates::interval& interval) const {
-        std::cout << rate_summary(interval, traffic.requests_in_flight()) << "\n\n" << rate_heading() << '\n';
-        for (const auto& row : interval.rows) std::cout << rate_line(row) << '\n';
+    std::string as_table(const topic_rates::interval& interval) const {
+        std::string table =
+            rate_summary(interval, traffic.requests_in_flight()) + "\n\n" + rate_heading() + "\n";
+        for (const auto& row : interval.rows) table += rate_line(row) + "\n";
+        return table;
     }
 
     const top_options& options;
@@ -191,12 +191,14 @@ class live_top {
                           .resized = [this] { draw(); },
                           .told = [this](const std::string& text) { note(text); }}),
           traffic(process, common, options, [this] { refresh(); }) {
+        if (state != at_first) hint = std::exchange(state, at_first);
         refresh();
     }
 
     int run() { return process.run(); }
 
   private:
+    static constexpr const char* at_first = "connecting";
     static constexpr int lines_above = 3, lines_below = 1;
 
     std::size_t page() const {
@@ -239,7 +241,7 @@ class live_top {
                                        rate_columns.at(choice.column).name);
         if (!choice.filter.empty())
             line += fmt::format("; topics with \"{}\": {}", printable(choice.filter), rows);
-        return line;
+        return hint.empty() ? line : line + "; " + printable(hint);
     }
 
     std::string key_line() const {
@@ -252,7 +254,8 @@ class live_top {
     const top_options& options;
     event_process process;
     table_choice choice;
-    std::string state = "connecting";
+    std::string state = at_first;
+    std::string hint;  ///< about the topics that were asked for
     topic_rates::interval interval;
     event_process::timer next;
     screen shown;

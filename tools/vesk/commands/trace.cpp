@@ -28,7 +28,12 @@ struct trace_options {
     bool json = false;
     unsigned long long count = 0;  ///< 0: no end
     std::optional<milliseconds> slow;
-    seconds reply_timeout{30};
+    std::optional<milliseconds> reply_timeout;
+
+    std::chrono::duration<double> reply_patience() const {
+        if (reply_timeout) return *reply_timeout;
+        return request_pairs::usual_reply_patience;
+    }
 };
 
 class trace_command {
@@ -37,12 +42,13 @@ class trace_command {
     trace_command(const common_options& common, const trace_options& given)
         : options(given),
           targets(given.targets),
-          process([this] { output.finish(done); }),
+          process([this] { output.finish_soon(done); }),
           output(process, nonblocking_output(STDOUT_FILENO), "stdout"),
-          requests(options.reply_timeout, [this](const auto& request) { see(request); }),
+          requests(options.reply_patience(), [this](const auto& request) { see(request); }),
           view(process, common, {},
                {.message = [this](const auto& message) { requests.feed(message, clock::now()); },
                 .idle = [this] { output.flush(); }}) {
+        tell_hints_about(options.targets);
         look();
     }
 
@@ -73,7 +79,7 @@ class trace_command {
         if (output.is_ending()) return;
         const auto asked_at = std::chrono::system_clock::now() - (clock::now() - request.asked_at);
         const std::string line =
-            options.json ? as_json(request, asked_at) : as_line(request, asked_at, options.reply_timeout);
+            options.json ? as_json(request, asked_at) : as_line(request, asked_at, options.reply_patience());
         if (output.add([&](std::string& to) { to += line + "\n"; })) ++printed;
         if (printed == options.count && options.count != 0) output.finish(done);
     }
@@ -110,9 +116,9 @@ void add_trace_command(CLI::App& app, const common_options& common, chosen_comma
     add_milliseconds(command, "--slow", options->slow,
                      "Only requests that took so long, and those that failed")
         ->default_str("all");
-    add_seconds(command, "--reply-timeout", options->reply_timeout,
-                "How long clients wait for the reply after an acknowledgement")
-        ->default_str("30");
+    add_milliseconds(command, "--reply-timeout", options->reply_timeout,
+                     "How long clients wait for the reply after an acknowledgement")
+        ->default_str("30000");
     add_examples(command,
                  {{"vesk trace math.add", "Prints the fate of each request to add of the server math."},
                   {"vesk trace --slow 500 --json", "Prints what took over half a second, or failed."}});

@@ -3,8 +3,8 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
-#include "bus/session.hpp"
 #include "hub/process_usage.hpp"
+#include "terminal/tell.hpp"
 
 namespace tolvan::vesk::tool {
 

@@ -6,7 +6,6 @@
 // whether it is there.
 #include "observing/observer.hpp"
 
-#include <algorithm>
 #include <utility>
 
 #include "bus/bus_environment.hpp"
@@ -15,8 +14,6 @@ namespace tolvan::vesk::tool {
 
 namespace {
 
-constexpr observer::milliseconds first_probe_interval{1};
-constexpr observer::milliseconds longest_probe_interval{20};
 constexpr observer::milliseconds look_interval{1000};
 constexpr int silence_to_ask = 2;   // looks at which nothing had come
 constexpr int silence_of_loss = 5;  // of the same
@@ -34,6 +31,11 @@ wire::tap::options tap_options(const common_options& common) {
     return {common.sub_endpoint, speaks_ipv6()};
 }
 
+void tell_hints_about(const std::vector<std::string>& topics) {
+    for (const auto& topic : topics)
+        if (const auto hint = topic_set::hint_about(topic); !hint.empty()) tell(hint);
+}
+
 observer::observer(event_process& on, const common_options& given, const std::vector<std::string>& topics,
                    callbacks called)
     : process(on),
@@ -47,8 +49,7 @@ observer::observer(event_process& on, const common_options& given, const std::ve
            .connected = [this] { see_connection(); },
            .lost = [this] { see_loss(); }}),
       sender(tap.shared_context(), given.pub_endpoint, speaks_ipv6()) {
-    for (const auto& topic : topics)
-        if (const auto hint = topic_set::hint_about(topic); !hint.empty()) tell(hint);
+    tell_hints_about(topics);
     for (const auto& topic : wanted.filters()) tap.subscribe(topic);
 }
 
@@ -86,7 +87,7 @@ void observer::see_connection() {
     if (!probe.empty()) see_loss();
     probe = probes.with(++connections);
     tap.subscribe(probe);
-    probe_interval = first_probe_interval;
+    pace = toolkit::probe_pace();
     probe_again();
 }
 
@@ -100,8 +101,7 @@ void observer::see_loss() {
 
 void observer::probe_again() {
     sender.send(probe, "");
-    next_probe = process.after(probe_interval, [this] { probe_again(); });
-    probe_interval = std::min(2 * probe_interval, longest_probe_interval);
+    next_probe = process.after(pace.next(), [this] { probe_again(); });
 }
 
 void observer::look() {

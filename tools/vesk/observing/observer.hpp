@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include <tolvan/vesk/toolkit/probe_pace.hpp>
 #include <tolvan/vesk/toolkit/probe_topic.hpp>
 #include <tolvan/wire/sender.hpp>
 #include <tolvan/wire/tap.hpp>
@@ -18,6 +19,9 @@ namespace tolvan::vesk::tool {
 /// What a tap of this process is to be told. To be called before the process's first socket. Throws
 /// std::runtime_error when the process lacks descriptors.
 wire::tap::options tap_options(const common_options& common);
+
+/// Says on stderr what is probably wrong with topics that somebody has asked for.
+void tell_hints_about(const std::vector<std::string>& topics);
 
 /// Looks at the bus from outside: a tap at the hub's subscription endpoint, and probes of its own that tell
 /// when the hub knows the filters, and later, while nothing else comes, whether it is still there. Says on
@@ -58,7 +62,6 @@ class observer {
     void see_connection();
     void see_loss();
     void probe_again();
-    void probe_later(milliseconds delay);
     void look();
     void note_life();
     void note_loss(milliseconds since);
@@ -74,7 +77,7 @@ class observer {
     std::string probe;  ///< the topic of this connection's probes; of none it is empty
     wire::tap tap;
     wire::sender sender;
-    milliseconds probe_interval{0};
+    toolkit::probe_pace pace;
     event_process::timer next_probe;  ///< while this connection's first probe is not back
     event_process::timer next_look;   ///< afterwards
     bool heard = false;               ///< since the last look

@@ -51,6 +51,7 @@ class request_pairs {
     using receiver = std::function<void(const seen_request&)>;
 
     static constexpr std::chrono::seconds answer_patience{15};  ///< of every client, for the first answer
+    static constexpr std::chrono::duration<double> usual_reply_patience{30};  ///< of a client, unless told
     static constexpr std::size_t most_in_flight = 65'536;
     static constexpr std::size_t most_topic_bytes = 64 * 1024 * 1024;  ///< of those in flight
 

@@ -6,11 +6,13 @@
 #include <stdexcept>
 #include <system_error>
 
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "options/user_group.hpp"
 #include "options/validators.hpp"
+#include "terminal/tell.hpp"
 
 namespace tolvan::vesk::tool {
 
@@ -18,6 +20,7 @@ namespace {
 
 constexpr const char* pub_endpoint_option = "--pub-endpoint";
 constexpr const char* sub_endpoint_option = "--sub-endpoint";
+constexpr const char* machine_folder = "/run/vesk";  // that of the hub that runs as a service
 constexpr char shield = '\x1f';
 
 const char* runtime_folder() {
@@ -32,6 +35,21 @@ std::string default_folder() {
 
 bool is_mine_alone(const struct stat& folder) {
     return folder.st_uid == ::getuid() && (folder.st_mode & 077) == 0;
+}
+
+bool has_a_hub(const std::string& folder) {
+    return ::access((folder + "/pub").c_str(), F_OK) == 0;
+}
+
+// Whether the hub of the machine is there and lets this process in. Nobody but root can put anything into
+// /run, so that the folder is what it looks like.
+bool may_enter_machine_folder() {
+    struct stat folder = {};
+    if (::lstat(machine_folder, &folder) != 0 || (folder.st_mode & 077) != 050) return false;
+    if (::geteuid() == 0 || is_in_group(folder.st_gid)) return true;
+    tell(fmt::format("the hub of this machine, in {}, is for its group {}, to which you do not belong",
+                     machine_folder, name_of_group(folder.st_gid)));
+    return false;
 }
 
 // As a hub for a group has it. Another's counts only where somebody has said that things are shared: in /tmp
@@ -56,14 +74,17 @@ void claim(const std::string& folder) {
 }  // namespace
 
 void add_common_options(CLI::App& app, common_options& options) {
-    app.add_option(pub_endpoint_option, options.pub_endpoint,
-                   "Where the hub takes messages; without XDG_RUNTIME_DIR the default is in /tmp/vesk-UID")
+    app.add_option(
+           pub_endpoint_option, options.pub_endpoint,
+           "Where the hub takes messages; without XDG_RUNTIME_DIR the default is in /tmp/vesk-UID, and "
+           "in /run/vesk when the only hub for you is there")
         ->envname("VESK_PUB_ENDPOINT")
         ->type_name("ENDPOINT")
         ->default_str("ipc://$XDG_RUNTIME_DIR/vesk/pub");
     app.add_option(
            sub_endpoint_option, options.sub_endpoint,
-           "Where the hub gives messages out; without XDG_RUNTIME_DIR the default is in /tmp/vesk-UID")
+           "Where the hub gives messages out; without XDG_RUNTIME_DIR the default is in /tmp/vesk-UID, and "
+           "in /run/vesk when the only hub for you is there")
         ->envname("VESK_SUB_ENDPOINT")
         ->type_name("ENDPOINT")
         ->default_str("ipc://$XDG_RUNTIME_DIR/vesk/sub");
@@ -78,9 +99,12 @@ void complete(const CLI::App& app, common_options& options) {
     const bool pub_named = !app.get_option(pub_endpoint_option)->empty();
     const bool sub_named = !app.get_option(sub_endpoint_option)->empty();
     if (pub_named && sub_named) return;
-    const std::string folder = default_folder();
-    // A hub claims its folders itself.
-    if (!app.got_subcommand("hub") && !app.got_subcommand("help")) claim(folder);
+    const bool is_client = !app.got_subcommand("hub") && !app.got_subcommand("help");
+    std::string folder = default_folder();
+    if (is_client && !has_a_hub(folder) && may_enter_machine_folder())
+        folder = machine_folder;
+    else if (is_client)  // a hub claims its folders itself
+        claim(folder);
     if (!pub_named) options.pub_endpoint = "ipc://" + folder + "/pub";
     if (!sub_named) options.sub_endpoint = "ipc://" + folder + "/sub";
 }

@@ -1,7 +1,6 @@
 #include "options/usage_errors.hpp"
 
 #include <algorithm>
-#include <sstream>
 #include <vector>
 
 #include <fmt/format.h>
@@ -59,6 +58,7 @@ std::string in_words(const CLI::ArgumentMismatch& error) {
     const std::string text = error.what();
     const std::string name = text.substr(0, text.find(':'));
     if (text.ends_with(" missing")) return name + " needs a value behind it";
+    if (text.find(": At least") != std::string::npos) return name + " needs more values behind it";
     if (text.find(": At Most") != std::string::npos) return name + " is given more than once";
     return text;
 }
@@ -82,8 +82,7 @@ const CLI::App& command_called(const std::string& name, const CLI::App& app) {
 }
 
 void tell_usage_error(const CLI::App& app, const CLI::ParseError& error) {
-    std::istringstream lines(explained(app, error));
-    for (std::string line; std::getline(lines, line);) tell(line);
+    tell(explained(app, error));
     const CLI::App& part = named_part(app);
     tell(fmt::format("see 'vesk help{}'", &part == &app ? "" : " " + part.get_name()));
 }

@@ -42,6 +42,11 @@ bool is_in_group(gid_t group) {
     return std::find(groups.begin(), groups.end(), group) != groups.end();
 }
 
+std::string name_of_group(gid_t group) {
+    const struct group* const entry = ::getgrgid(group);
+    return entry == nullptr ? std::to_string(group) : entry->gr_name;
+}
+
 gid_t group_of_mine(const std::string& name) {
     const auto named = group_called(name);
     const auto group = named ? named : number_in(name);

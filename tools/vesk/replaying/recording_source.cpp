@@ -68,6 +68,8 @@ void recording_source::read_ahead() {
 void recording_source::end_round() {
     const std::string note = reader.end();
     if (!note.empty() && rounds == 1) tell(note);
+    if (!found_any && !chosen.topics.empty())
+        tell("the recording has no message of a topic that was asked for");
     if (chosen.loop && found_any) return begin_again();
     ended = true;
 }

@@ -23,7 +23,7 @@ constexpr seconds patience_at_end{2};
 
 output_queue::output_queue(event_process& on, nonblocking_output to, std::string name)
     : process(on), output(std::move(to)), shown_name(std::move(name)) {
-    ignore_signals_about_output();
+    write_behind_others();
     watch();
 }
 
@@ -89,9 +89,13 @@ void output_queue::note_written(std::size_t taken) {
 }
 
 void output_queue::finish(int code) {
-    if (code_at_end) return end_at_once();
-    code_at_end = code;
+    if (!code_at_end) code_at_end = code;
     flush();
+}
+
+void output_queue::finish_soon(int code) {
+    if (patience) return end_at_once();
+    finish(code);
     patience = process.after(patience_at_end, [this] { end_at_once(); });
 }
 

@@ -36,12 +36,15 @@ class output_queue {
     /// Writes what can be written now; the rest follows by itself.
     void flush();
 
-    /// Has everything written, then ends the process with that exit status; after some seconds, or at the
-    /// second call, it ends in any case, with `failed` when something is left. Nothing is to be added any
-    /// more.
+    /// Has everything written, then ends the process with that exit status, however long the reader takes.
+    /// Nothing is to be added any more. The first exit status counts.
     void finish(int code);
 
-    /// Whether `finish` was called.
+    /// The same for somebody who does not wait: after some seconds, or at the second call, it ends in any
+    /// case, with `failed` when something is left.
+    void finish_soon(int code);
+
+    /// Whether one of the two was called.
     bool is_ending() const { return code_at_end.has_value(); }
 
     /// Messages that were dropped.
@@ -74,7 +77,7 @@ class output_queue {
     bool has_failed = false;
     wire::descriptor readiness;  ///< an epoll set of the one descriptor; none when that is always ready
     std::optional<int> code_at_end;
-    event_process::timer patience;
+    event_process::timer patience;  ///< of somebody who does not wait
 };
 
 template <typename Append>

@@ -34,9 +34,12 @@ void termination_signals::take() const {
     static_cast<void>(::read(held.get(), &taken, sizeof taken));
 }
 
-void ignore_signals_about_output() {
+void let_writes_fail() {
     ::signal(SIGPIPE, SIG_IGN);
     ::signal(SIGXFSZ, SIG_IGN);
+}
+
+void write_behind_others() {
     ::signal(SIGTTOU, SIG_IGN);
 }
 

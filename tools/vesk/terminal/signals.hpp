@@ -21,8 +21,11 @@ class termination_signals {
     wire::descriptor held;
 };
 
-/// Lets the process outlive whoever reads its output and a file that may not grow, and write to a terminal
-/// behind other programs.
-void ignore_signals_about_output();
+/// Has a write fail that would end the process otherwise: to somebody who has gone, and to a file that may
+/// not grow.
+void let_writes_fail();
+
+/// Lets the process write to a terminal behind other programs.
+void write_behind_others();
 
 }  // namespace tolvan::vesk::tool

@@ -1,5 +1,6 @@
 #include "terminal/tell.hpp"
 
+#include <algorithm>
 #include <cstdint>
 #include <string_view>
 #include <utility>
@@ -45,13 +46,22 @@ std::uint64_t missed = 0;
 bool line_is_open = false;
 std::function<void(const std::string&)> instead;
 
+void tell_line(std::string_view line) {
+    tell_what_was_missed();
+    if (missed > 0 || !standard_error().take("vesk: " + shown_on(STDERR_FILENO, line) + "\n")) ++missed;
+}
+
 }  // namespace
 
 void tell(const std::string& text) {
     if (instead) return instead(text);
     if (std::exchange(line_is_open, false)) standard_error().take(begin_of_cleared_line);
-    tell_what_was_missed();
-    if (missed > 0 || !standard_error().take("vesk: " + shown_on(STDERR_FILENO, text) + "\n")) ++missed;
+    std::size_t begin = 0;
+    do {
+        const std::size_t end = std::min(text.find('\n', begin), text.size());
+        tell_line(std::string_view(text).substr(begin, end - begin));
+        begin = end + 1;
+    } while (begin < text.size());
 }
 
 void leave_line_open() {

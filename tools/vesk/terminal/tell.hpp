@@ -5,9 +5,9 @@
 
 namespace tolvan::vesk::tool {
 
-/// Says something to the person at the terminal: a line on stderr that begins "vesk:". Never waits and never
-/// fails; a line that stderr does not take is counted, and the number said before the next that it takes.
-/// To be called on the main thread.
+/// Says something to the person at the terminal: on stderr, and each line of it begins "vesk:". Never waits
+/// and never fails; a line that stderr does not take is counted, and the number said before the next that it
+/// takes. To be called on the main thread.
 void tell(const std::string& text);
 
 /// Says that the last line of stderr is left without an end, as a progress bar is: the next `tell` takes its

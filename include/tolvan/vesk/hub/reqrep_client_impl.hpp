@@ -68,6 +68,7 @@ class reqrep_client_impl final : public v1::reqrep_client::backend,
     void subscribe_to_replies();
     issue_t allocate_id();
     void make_room_for_cancelled();
+    void destroy_leaving(std::size_t until);
     outstanding_request_t& enlist(v1::reqrep_client* client, unsigned short id);
     void issue(const issue_t& issued, const std::string& payload);
     request_table::iterator find_issued(const issue_t& issued);
@@ -90,8 +91,8 @@ class reqrep_client_impl final : public v1::reqrep_client::backend,
     unsigned short next_request_id = 0;
     bool reply_subscription_done = false;
     std::uint64_t last_serial = 0;
-    /// Empty, with room for all outstanding requests: cancelling them takes no memory.
-    std::vector<request_table::node_type> room_for_cancelled;
+    /// What is being destroyed, with room for all outstanding requests: cancelling them takes no memory.
+    std::vector<request_table::node_type> leaving;
 };
 
 }  // namespace tolvan::vesk::hub

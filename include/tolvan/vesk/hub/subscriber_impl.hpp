@@ -50,6 +50,8 @@ class subscriber_impl final : public v1::subscriber::backend,
         std::uint64_t serial = 0;  ///< tells it from a later one of the same subscriber and topic
     };
 
+    struct topic_and_data;
+
     /// One delivery that waits for its turn.
     struct message {
         v1::subscriber* subscriber;
@@ -59,15 +61,29 @@ class subscriber_impl final : public v1::subscriber::backend,
         std::uint64_t serial;  ///< tells it from a later one at the same address
     };
 
-    /// A subscription that a message matches, by the keys to look it up again. The topic's bytes are those of
-    /// the message.
+    /// Where a subscription stands in the registry.
+    struct place {
+        v1::subscriber* subscriber = nullptr;
+        const sub_functions* subscription = nullptr;
+    };
+
+    /// What there is of a topic whose hub filter is set.
+    struct topic_record {
+        unsigned references = 0;  ///< subscriptions counted for it, repeated ones too
+        unsigned holders = 0;     ///< subscribers that have it
+        place only_holder{};      ///< the one that has it, when it is one and has been found
+    };
+    using topic_table = std::unordered_map<std::string, topic_record, text_hash, std::equal_to<>>;
+
+    /// A subscription that a message matches, with the keys to look it up again. The topic's bytes are those
+    /// of the message.
     struct match {
-        v1::subscriber* subscriber;
+        place at;
         std::string_view topic;
         std::uint64_t serial;
     };
 
-    void add_topic_reference(const std::string& topic);
+    topic_record& add_topic_reference(const std::string& topic);
     void remove_topic_reference(const std::string& topic);
 
     void subscription_handler();
@@ -79,13 +95,16 @@ class subscriber_impl final : public v1::subscriber::backend,
     void update_latency(std::int64_t timestamp_ms);
     void read_metadata(zmsg_t* received);
 
-    void deliver(const std::shared_ptr<std::string>& topic, const std::shared_ptr<std::string>& data);
-    std::pmr::vector<std::string_view> wanted_topics(const std::string& received,
-                                                     std::pmr::memory_resource& scratch) const;
-    std::pmr::vector<match> find_matches(const std::pmr::vector<std::string_view>& wanted,
+    void deliver(const std::shared_ptr<topic_and_data>& texts);
+    using wanted_topics = std::pmr::vector<std::pair<std::string_view, topic_record*>>;
+    wanted_topics find_wanted_topics(const std::string& received, std::pmr::memory_resource& scratch);
+    std::pmr::vector<match> find_matches(const wanted_topics& wanted,
                                          std::pmr::memory_resource& scratch) const;
-    const sub_functions* find_subscription(const match& found) const;
+    void ask_everybody(const wanted_topics& wanted, std::pmr::vector<match>& found) const;
+    const sub_functions* look_again(const match& found, std::uint64_t revocations_before) const;
 
+    void enqueue(message&& delivery);
+    void remove_front();
     void start_dispatch_timer();
     void dispatch_one_message();
     static void make_delivery(message delivery);
@@ -95,8 +114,7 @@ class subscriber_impl final : public v1::subscriber::backend,
     std::shared_ptr<event_loop_v1> event_loop;
     socket sub_socket;
     std::unordered_map<v1::subscriber*, std::map<std::string, sub_functions, std::less<>>> subscriptions;
-    /// How many subscriptions are counted for each hub filter.
-    std::unordered_map<std::string, unsigned, text_hash, std::equal_to<>> topic_refs;
+    topic_table topic_refs;
     std::list<message> dispatch_queue;
     event_loop_v1::holder<timer_impl_base> dispatch_timer;
     std::int64_t stats_since = 0;  ///< loop time of the last latency report, in milliseconds
@@ -106,6 +124,9 @@ class subscriber_impl final : public v1::subscriber::backend,
     /// How many topics of each length are in topic_refs.
     std::map<std::size_t, unsigned> topic_lengths;
     std::uint64_t last_serial = 0;
+    std::uint64_t revocations = 0;  ///< as long as it stays the same, no subscription has gone
+    /// Nodes of the queue for the deliveries to come: a few, whatever was queued.
+    std::list<message> spare_nodes;
     /// Reads on after an exception has left the receive handler.
     event_loop_v1::holder<timer_impl_base> resume_timer;
 };

@@ -4,28 +4,37 @@
 #include <concepts>
 #include <cstdint>
 #include <limits>
-#include <memory>
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 #include <tolvan/Variant.hpp>
 #include <tolvan/sedes/v1/codec_errors.hpp>
-#include <tolvan/sedes/v1/composite.hpp>
+#include <tolvan/sedes/v1/enumeration.hpp>
 #include <tolvan/sedes/v1/opaque_json_block.hpp>
 #include <tolvan/sedes/v1/optional.hpp>
 
 namespace tolvan::sedes::v1 {
 
-/// How a type is written to JSON and read from it: `static Variant write(const T&)`, and `static void
-/// read(const Variant&, T&)`, which throws bad_deserialization_source. An application may specialise it for a
-/// type of its own.
+/// How a type is written to JSON and read from it: `write` gives its JSON form, `read` throws
+/// bad_deserialization_source. An application may specialise it for a type of its own.
 template <typename T>
-struct codec;
+struct codec {
+    template <typename>
+    static constexpr bool has_json_form = false;
+    static_assert(
+        has_json_form<T>,
+        "This type has no form in JSON. Those that have: bool, integers, floating-point numbers, "
+        "enumerations, std::string, std::optional, std::vector, std::array, std::map<std::string, T>, "
+        "and records, which need a static description().");
 
-/// `value` as JSON. Throws missing_value for an optional that is not set, std::length_error when nested
-/// deeper than Variant::max_depth.
+    static Variant write(const T& value);
+    static void read(const Variant& json, T& out);
+};
+
+/// `value` as JSON. Throws missing_value for an optional that is not set, std::out_of_range for an enumerator
+/// that its description leaves out, std::length_error when nested deeper than Variant::max_depth.
 template <typename T>
 Variant to_variant(const T& value) {
     return codec<T>::write(value);
@@ -101,104 +110,54 @@ struct codec<std::string> {
     }
 };
 
+/// An enumeration without a description.
 template <typename T>
-struct codec<std::vector<T>> {
-    static Variant write(const std::vector<T>& value) {
-        Variant::array_t elements;
-        elements.reserve(value.size());
-        for (const auto& element : value) elements.push_back(codec<T>::write(element));
-        return Variant::array(std::move(elements));
-    }
-    static void read(const Variant& json, std::vector<T>& out) {
-        const Variant::array_t* elements = json.as_array();
-        if (!elements) throw_wrong_kind("an array", json);
-        out.clear();
-        for (const Variant& element : *elements) out.push_back(read_element(element, out.size()));
-    }
+concept bare_enum = std::is_enum_v<T> && !described_enum<T> && json_integer<std::underlying_type_t<T>>;
 
-  private:
-    static T read_element(const Variant& json, std::size_t index) try {
-        T element{};
-        codec<T>::read(json, element);
-        return element;
-    } catch (const bad_deserialization_source& error) {
-        rethrow_in_element(index, error);
+/// It is its number; a number that no enumerator has is taken as well.
+template <bare_enum T>
+struct codec<T> {
+    using number = std::underlying_type_t<T>;
+
+    static Variant write(T value) { return codec<number>::write(static_cast<number>(value)); }
+    static void read(const Variant& json, T& out) {
+        number value{};
+        codec<number>::read(json, value);
+        out = static_cast<T>(value);
     }
 };
 
-/// JSON null is a null optional.
-template <typename T>
-struct codec<optional<T>> {
-    static Variant write(const optional<T>& value) {
+template <described_enum T>
+struct codec<T> {
+    static Variant write(T value) {
+        for (const auto& known : description(value))
+            if (known.value == value) return Variant::string(std::string{known.name});
+        throw_nameless(static_cast<std::int64_t>(value));
+    }
+    static void read(const Variant& json, T& out) {
+        const std::string* text = json.as_string();
+        if (!text) throw_wrong_kind("a string", json);
+        for (const auto& known : description(out))
+            if (known.name == *text) return void(out = known.value);
+        throw_unknown_name(*text);
+    }
+};
+
+/// JSON null is an optional without a value.
+template <typename Optional>
+requires std::same_as<Optional, optional<typename Optional::value_type>> ||
+    std::same_as<Optional, std::optional<typename Optional::value_type>>
+struct codec<Optional> {
+    using T = typename Optional::value_type;
+
+    static Variant write(const Optional& value) {
         return value.has_value() ? codec<T>::write(value.value()) : Variant{};
     }
-    static void read(const Variant& json, optional<T>& out) {
+    static void read(const Variant& json, Optional& out) {
         if (json.is_null()) return out.reset();
         T value{};
         codec<T>::read(json, value);
         out = std::move(value);
-    }
-};
-
-/// A record. Keys that its description does not name are ignored when reading.
-template <described T>
-struct codec<T> {
-    static Variant write(const T& record) {
-        Variant::object_t members;
-        std::apply([&](const auto&... member) { (write_member(record, member, members), ...); },
-                   T::description());
-        return Variant::object(std::move(members));
-    }
-    static void read(const Variant& json, T& record) {
-        if (!json.as_object()) throw_wrong_kind("an object", json);
-        std::apply([&](const auto&... member) { (read_member(json, member, record), ...); },
-                   T::description());
-    }
-
-  private:
-    template <typename Owner, typename M>
-    static void write_member(const T& record, const plain_member_t<Owner, M>& member,
-                             Variant::object_t& members) {
-        members.emplace_back(member.key, codec<M>::write(record.*member.place));
-    }
-
-    template <typename Owner, typename M>
-    static void write_member(const T& record, const optional_member_t<Owner, M>& member,
-                             Variant::object_t& members) {
-        const optional<M>& value = record.*member.place;
-        if (value.has_value()) members.emplace_back(member.key, codec<M>::write(value.value()));
-    }
-
-    template <typename Owner, typename M>
-    static void read_member(const Variant& object, const plain_member_t<Owner, M>& member, T& record) {
-        const Variant* json = object.find(member.key);
-        if (!json) throw_missing_member(member.key);
-        read_value(member.key, *json, record.*member.place);
-    }
-
-    template <typename Owner, typename M>
-    static void read_member(const Variant& object, const optional_member_t<Owner, M>& member, T& record) {
-        if (const Variant* json = object.find(member.key))
-            read_value(member.key, *json, record.*member.place);
-    }
-
-    template <typename M>
-    static void read_value(std::string_view key, const Variant& json, M& out) try {
-        codec<M>::read(json, out);
-    } catch (const bad_deserialization_source& error) {
-        rethrow_in_member(key, error);
-    }
-};
-
-/// A shared record: an empty pointer is given a new record before reading, and is written as null.
-template <described T>
-struct codec<std::shared_ptr<T>> {
-    static Variant write(const std::shared_ptr<T>& value) {
-        return value ? codec<T>::write(*value) : Variant{};
-    }
-    static void read(const Variant& json, std::shared_ptr<T>& out) {
-        if (!out) out = std::make_shared<T>();
-        codec<T>::read(json, *out);
     }
 };
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string_view>
 #include <tuple>
 
@@ -28,10 +29,10 @@ struct plain_member_t {
 };
 
 /// A member that is left out when null, and that may be absent or null when reading.
-template <typename Owner, typename T>
+template <typename Owner, typename Optional>
 struct optional_member_t {
     std::string_view key;
-    optional<T> Owner::*place;
+    Optional Owner::*place;
 };
 
 /// Describes a required member. `key` must outlive the description: a literal.
@@ -42,7 +43,15 @@ constexpr plain_member_t<Owner, T> plain(std::string_view key, T Owner::*place) 
 
 /// Describes an optional member. `key` must outlive the description: a literal.
 template <typename Owner, typename T>
-constexpr optional_member_t<Owner, T> optional_member(std::string_view key, optional<T> Owner::*place) {
+constexpr optional_member_t<Owner, optional<T>> optional_member(std::string_view key,
+                                                                optional<T> Owner::*place) {
+    return {key, place};
+}
+
+/// The same for the standard library's optional.
+template <typename Owner, typename T>
+constexpr optional_member_t<Owner, std::optional<T>> optional_member(std::string_view key,
+                                                                     std::optional<T> Owner::*place) {
     return {key, place};
 }
 

@@ -3,6 +3,8 @@
 #include <string>
 
 #include <tolvan/sedes/v1/codec.hpp>
+#include <tolvan/sedes/v1/container_codecs.hpp>
+#include <tolvan/sedes/v1/record_codec.hpp>
 
 namespace tolvan::sedes::v1 {
 
@@ -14,8 +16,8 @@ struct source_type_t {
 /// Adds to `error` the source of the text, unless that is null, and throws it as bad_deserialization_source.
 [[noreturn]] void rethrow_from_source(const source_type_t* source, const bad_deserialization_source& error);
 
-/// `value` as compact JSON text: a record, a shared record, an optional (null gives `null`), a vector or a
-/// plain value. Throws what to_variant() throws.
+/// `value` as compact JSON text: a record, a shared record, an optional (null gives `null`), a vector, an
+/// array, a map with texts as keys, an enumeration or a plain value. Throws what to_variant() throws.
 template <typename T>
 std::string serialize_to_json_string(const T& value) {
     return to_variant(value).toJson();

@@ -12,6 +12,8 @@ namespace tolvan::sedes::v1 {
 template <typename T>
 class optional {
   public:
+    using value_type = T;
+
     /// Set, and null.
     optional() = default;
     optional(T initial) : held{std::move(initial)} {}

@@ -35,7 +35,8 @@ class reqrep_client : public publisher {
     ~reqrep_client();
 
     /// Sends `payload`, one JSON value or an empty text for none, to the `command` of the server whose
-    /// identity is `target`. The callback must not be empty. Returns the id of the request; 0 when it could
+    /// identity is `target`. The callback must not be empty: that is logged, and calling it throws
+    /// std::bad_function_call when the outcome is there. Returns the id of the request; 0 when it could
     /// not be sent, and then the callback has already been called with the failure. Throws std::logic_error
     /// without an installed backend.
     unsigned short request(const std::string& target, const std::string& command, const std::string& payload,

@@ -14,8 +14,8 @@ namespace tolvan::vesk::v1 {
 
 /// Answers requests for the commands that it has registered under its identity. Its destruction unregisters.
 ///
-/// Set the identity with `set_uuid` before the first registration; it must not contain ".". Everything is
-/// called, and every handler runs, on the event loop's thread. Handlers may call anything of the bus, the
+/// Set the identity with `set_uuid` before the first registration; it must not contain "." or ":". Everything
+/// is called, and every handler runs, on the event loop's thread. Handlers may call anything of the bus, the
 /// destruction of this object included.
 class reqrep_server : public subscriber, public publisher {
   public:
@@ -35,8 +35,8 @@ class reqrep_server : public subscriber, public publisher {
 
     /// Registers `handler` for `command`; a second registration replaces the first. `reply_needed` says
     /// whether its requests get a reply beside the acknowledgement. Without a deserializer the handler gets
-    /// no payload. What the deserializer or the handler throws goes to the client. Throws std::logic_error
-    /// without an installed backend.
+    /// no payload. What the deserializer or the handler throws goes to the client. An identity that no
+    /// request can reach is logged. Throws std::logic_error without an installed backend.
     void set_command_handler(const std::string& command, bool reply_needed, payload_deserializer deserializer,
                              command_handler&& handler);
 
