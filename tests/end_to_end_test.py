@@ -257,7 +257,7 @@ class Refusals(EndToEndTest):
         hub = self.start_hub()
         self.assert_ends(self.vesk("sub", "--timeout", "0.2"), TIMED_OUT, "timed out: 0 messages within 0.2 s")
         client = self.foreign_client("line")
-        pub = self.vesk("pub", "line", "--timeout", "0.5", stdin=subprocess.PIPE)
+        pub = self.vesk("pub", "line", "--timeout", "2", stdin=subprocess.PIPE)
         pub.feed(b"before\n", close=False)
         client.receive()  # although there is more to come
         hub.end(signal.SIGKILL)
