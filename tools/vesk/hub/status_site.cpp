@@ -52,7 +52,7 @@ std::optional<http_document> status_site::document_at(const std::string& path) {
     if (path == "/healthz") return health_of(*status);
     forget_what_is_old(status);
     if (const auto known = written.find(path); known != written.end()) return known->second;
-    const auto document = write(path, *status);
+    auto document = write(path, *status);
     if (document) written.emplace(path, *document);
     return document;
 }

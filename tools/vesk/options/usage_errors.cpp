@@ -55,7 +55,7 @@ std::string first_stranger(const CLI::App& app) {
 
 // CLI11 gives the name of the option, a colon, and how many values it wants or has got.
 std::string in_words(const CLI::ArgumentMismatch& error) {
-    const std::string text = error.what();
+    std::string text = error.what();
     const std::string name = text.substr(0, text.find(':'));
     if (text.ends_with(" missing")) return name + " needs a value behind it";
     if (text.find(": At least") != std::string::npos) return name + " needs more values behind it";
