@@ -1,5 +1,6 @@
 // How many messages a second the hub relays with nothing lost, beside libzmq's proxy with sockets as they
 // come.
+#include <algorithm>
 #include <string>
 #include <thread>
 #include <vector>
@@ -55,6 +56,9 @@ class bare_proxy {
         owner_control{context, ZMQ_PAIR}, proxy_control{context, ZMQ_PAIR};
     std::thread relaying;
 };
+
+// Less than the hub keeps for a subscriber who is late, so that nothing is lost however late it is.
+constexpr int most_at_once = 100'000;
 
 // One publisher and some subscribers to everything.
 class traffic {
@@ -141,7 +145,7 @@ class traffic {
 
 void hub_deliveries(benchmark::State& state) {
     const int subscribers = static_cast<int>(state.range(0));
-    const int messages = 300'000 / subscribers;
+    const int messages = std::min(300'000 / subscribers, most_at_once);
     const relay::hub hub({any_port, any_port});
     const bare_proxy proxy;
     const traffic through_hub(hub, subscribers);
@@ -188,18 +192,15 @@ class stuck_subscriber {
     socket subscriber{ZMQ_SUB};
 };
 
-// The jam comes early in the first round, and stays.
+// The jam comes in the second round, and stays.
 void hub_deliveries_in_a_jam(benchmark::State& state) {
-    constexpr int messages = 300'000;
-    const relay::hub jammed(
-        {.pub_endpoint = any_port, .sub_endpoint = any_port, .queue_bytes = relay::hub::largest_message}),
-        calm({any_port, any_port});
+    const relay::hub jammed({any_port, any_port}), calm({any_port, any_port});
     const stuck_subscriber stuck(jammed, "");
     const traffic beside_stuck(jammed, 1), alone(calm, 1);
     std::vector<double> rates, limits;
     for (auto _ : state) {
-        limits.push_back(alone.deliveries_per_second(messages));
-        rates.push_back(beside_stuck.deliveries_per_second(messages));
+        limits.push_back(alone.deliveries_per_second(most_at_once));
+        rates.push_back(beside_stuck.deliveries_per_second(most_at_once));
         if (rates.back() == 0 || limits.back() == 0) return state.SkipWithError("a message was lost");
     }
     if (jammed.read_counters().jams == 0) return state.SkipWithError("there was no jam");
