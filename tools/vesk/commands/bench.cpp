@@ -30,7 +30,7 @@ namespace tolvan::vesk::tool {
 namespace {
 
 constexpr seconds patience{5};  // with a hub that does not answer, and while nothing comes back
-constexpr session::milliseconds look_interval{50};
+constexpr session::milliseconds end_look_interval{50};
 constexpr std::uint64_t largest_size = relay::hub::largest_message - 1024;  // requests have an envelope
 
 // A process gets one delivery a millisecond. A request is three: itself, its acknowledgement, its reply.
@@ -114,7 +114,7 @@ class bench_command {
         bar.show(phase.title(), phase.settled_share());
         if (phase.complete()) return end_phase();
         if (stalled(phase)) return give_up();
-        next_look = process.after(look_interval, [this] { look(); });
+        next_look = process.after(end_look_interval, [this] { look(); });
     }
 
     bool stalled(const bench_phase& phase) {

@@ -12,7 +12,7 @@ namespace tolvan::vesk::tool {
 
 namespace {
 
-constexpr session::milliseconds look_interval{100};
+constexpr session::milliseconds progress_interval{100};
 
 class replay_command {
   public:
@@ -32,7 +32,7 @@ class replay_command {
   private:
     void show_progress() {
         if (const auto share = source.share()) bar.show("replay", *share);
-        next_look = process.after(look_interval, [this] { show_progress(); });
+        next_look = process.after(progress_interval, [this] { show_progress(); });
     }
 
     session process;

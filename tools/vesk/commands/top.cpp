@@ -24,7 +24,7 @@ namespace tolvan::vesk::tool {
 
 namespace {
 
-constexpr seconds hub_patience{5};
+constexpr seconds sight_patience{5};
 
 struct top_options {
     std::vector<std::string> topics;
@@ -87,9 +87,9 @@ class top_once {
   public:
     top_once(const common_options& common, const top_options& given)
         : options(given), process(failed), traffic(process, common, options, [this] { begin(); }) {
-        next = process.after(hub_patience, [this] {
-            process.finish(timed_out,
-                           fmt::format("{} within {:g} s", traffic.what_is_missing(), hub_patience.count()));
+        next = process.after(sight_patience, [this] {
+            process.finish(timed_out, fmt::format("{} within {:g} s", traffic.what_is_missing(),
+                                                  sight_patience.count()));
         });
     }
 

@@ -21,7 +21,7 @@ namespace {
 
 using clock = request_pairs::clock;
 
-constexpr event_process::milliseconds look_interval{50};
+constexpr event_process::milliseconds reply_look_interval{50};
 
 struct trace_options {
     std::vector<std::string> targets;
@@ -64,7 +64,7 @@ class trace_command {
     void look() {
         requests.expire(clock::now());
         output.flush();
-        next_look = process.after(look_interval, [this] { look(); });
+        next_look = process.after(reply_look_interval, [this] { look(); });
     }
 
     void see(const seen_request& request) {

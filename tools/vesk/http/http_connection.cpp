@@ -12,7 +12,7 @@ namespace tolvan::vesk::tool {
 namespace {
 
 // For all of it: also for somebody who sends or takes a byte now and then.
-constexpr std::chrono::seconds patience{10};
+constexpr std::chrono::seconds client_patience{10};
 
 constexpr std::string_view end_of_head = "\r\n\r\n";
 
@@ -37,7 +37,7 @@ void http_connection::attend(const answerer& answer) {
 }
 
 void http_connection::give_up_if_late(clock::time_point now) {
-    over = over || now - begin > patience;
+    over = over || now - begin > client_patience;
 }
 
 bool http_connection::read(const answerer& answer) {

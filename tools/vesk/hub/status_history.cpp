@@ -9,7 +9,7 @@ namespace {
 using clock = hub_status::clock;
 
 // The loops of the hub turn once a second at least; a disconnect among a million filters takes 1.4 s.
-constexpr std::chrono::seconds patience{5};
+constexpr std::chrono::seconds loop_patience{5};
 
 std::string silence(const char* who, clock::duration duration) {
     return fmt::format("{} has not turned for {} s", who,
@@ -19,8 +19,8 @@ std::string silence(const char* who, clock::duration duration) {
 }  // namespace
 
 std::optional<std::string> hub_status::trouble(clock::time_point moment) const {
-    if (moment - looked > patience) return silence("the main loop", moment - looked);
-    if (looked - turned > patience) return silence("the relaying loop", looked - turned);
+    if (moment - looked > loop_patience) return silence("the main loop", moment - looked);
+    if (looked - turned > loop_patience) return silence("the relaying loop", looked - turned);
     return std::nullopt;
 }
 

@@ -13,7 +13,7 @@ namespace tolvan::vesk::tool {
 
 namespace {
 
-constexpr const char* hex_digits = "0123456789abcdef";
+constexpr const char* escape_digits = "0123456789abcdef";
 constexpr const char* base64_digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 constexpr bool is_plain(char character) {
@@ -43,7 +43,7 @@ void append_escaped(std::string& to, char32_t value) {
         to += 't';
     } else {
         to += 'u';
-        for (const unsigned shift : {12U, 8U, 4U, 0U}) to += hex_digits[value >> shift & 15U];
+        for (const unsigned shift : {12U, 8U, 4U, 0U}) to += escape_digits[value >> shift & 15U];
     }
 }
 

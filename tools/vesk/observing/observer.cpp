@@ -14,7 +14,7 @@ namespace tolvan::vesk::tool {
 
 namespace {
 
-constexpr observer::milliseconds look_interval{1000};
+constexpr observer::milliseconds silence_look_interval{1000};
 constexpr int silence_to_ask = 2;   // looks at which nothing had come
 constexpr int silence_of_loss = 5;  // of the same
 
@@ -79,7 +79,7 @@ void observer::see_probe(std::string_view topic) {
     was_away = time_away();
     away_since.reset();
     notes.ready();
-    next_look = process.after(look_interval, [this] { look(); });
+    next_look = process.after(silence_look_interval, [this] { look(); });
     if (call.ready) call.ready();
 }
 
@@ -105,11 +105,11 @@ void observer::probe_again() {
 }
 
 void observer::look() {
-    next_look = process.after(look_interval, [this] { look(); });
+    next_look = process.after(silence_look_interval, [this] { look(); });
     silent_looks = std::exchange(heard, false) ? 0 : silent_looks + 1;
     if (silent_looks == 0) note_life();
     if (silent_looks >= silence_to_ask) sender.send(probe, "");
-    if (silent_looks == silence_of_loss) note_loss(now() - silence_of_loss * look_interval);
+    if (silent_looks == silence_of_loss) note_loss(now() - silence_of_loss * silence_look_interval);
 }
 
 // Over the same connection nothing is lost.
