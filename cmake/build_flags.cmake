@@ -15,12 +15,13 @@ if(VESK_SANITIZE)
   add_link_options(-fsanitize=${VESK_SANITIZE})
 endif()
 
-# vesk_platform_library(name DESCRIPTION SOURCES ... [LINK ...] [MODULES ...]): one stand-in for one of the maker's
-# libraries, shared, with its public headers under include/. MODULES are those of pkg-config that its headers need.
+# vesk_platform_library(name DESCRIPTION SOURCES ... [LINK ...] [MODULES ...] [COMPONENT ...]): one stand-in for one of
+# the maker's libraries, shared, with its public headers under include/. MODULES and COMPONENT are for
+# vesk_install_library.
 function(vesk_platform_library name description)
-  cmake_parse_arguments(arg "" "" "SOURCES;LINK;MODULES" ${ARGN})
+  cmake_parse_arguments(arg "" "COMPONENT" "SOURCES;LINK;MODULES" ${ARGN})
   add_library(${name} SHARED ${arg_SOURCES})
   target_compile_features(${name} PUBLIC cxx_std_20)
   target_link_libraries(${name} PRIVATE vesk_build_flags ${arg_LINK})
-  vesk_install_library(${name} ${description} ${arg_MODULES})
+  vesk_install_library(${name} ${description} COMPONENT ${arg_COMPONENT} MODULES ${arg_MODULES})
 endfunction()

@@ -1,5 +1,6 @@
-# How everything is installed, in three components, which become three packages: "runtime" has what a program loads,
-# "development" what it is built with, "hub" the command and the service.
+# How everything is installed, in components, each of which becomes a package: "runtime" has what a program loads,
+# "loops" the adapters for loops of other libraries, "development" what a program is built with, "hub" the command and
+# the service.
 
 # With the major version 0 every minor one may change the binary interface.
 set(VESK_SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
@@ -22,12 +23,16 @@ install(CODE "set(CMAKE_INSTALL_DO_STRIP ON)" ALL_COMPONENTS)
 add_custom_target(installable)
 set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)
 
-# vesk_install_library(target DESCRIPTION [MODULE]...): a library for applications, shared or static: as vesk::target
-# for CMake, as libvesk-target on disk, and as vesk-target for pkg-config, which says that it needs those modules.
-# Public headers lie in include/ beside the target. The target vesk is libvesk.
+# vesk_install_library(target DESCRIPTION [COMPONENT ...] [MODULES ...]): a library for applications, shared or static: as
+# vesk::target for CMake, as libvesk-target on disk, and as vesk-target for pkg-config, which says that its headers need
+# those modules. Public headers lie in include/ beside the target. The target vesk is libvesk.
 function(vesk_install_library target description)
+  cmake_parse_arguments(arg "" "COMPONENT" "MODULES" ${ARGN})
+  if(NOT arg_COMPONENT)
+    set(arg_COMPONENT runtime)
+  endif()
   string(REGEX REPLACE "^vesk-vesk$" vesk name vesk-${target})
-  string(REPLACE ";" " " modules "${ARGN}")
+  string(REPLACE ";" " " modules "${arg_MODULES}")
   set_target_properties(${target} PROPERTIES OUTPUT_NAME ${name} EXPORT_NAME ${target} INSTALL_RPATH "$ORIGIN"
     VERSION ${PROJECT_VERSION} SOVERSION ${VESK_SOVERSION})
   add_library(vesk::${target} ALIAS ${target})
@@ -35,7 +40,7 @@ function(vesk_install_library target description)
   target_include_directories(${target} PUBLIC
     $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   install(TARGETS ${target} EXPORT vesk-targets
-    LIBRARY COMPONENT runtime NAMELINK_COMPONENT development
+    LIBRARY COMPONENT ${arg_COMPONENT} NAMELINK_COMPONENT development
     ARCHIVE COMPONENT development)
   install(DIRECTORY include/ TYPE INCLUDE COMPONENT development)
   configure_file(${PROJECT_SOURCE_DIR}/packaging/library.pc.in ${name}.pc @ONLY)

@@ -4,9 +4,10 @@ set(CPACK_PACKAGE_CONTACT "Developers of vesk-hub <vesk-hub@localhost>" CACHE ST
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each package has its own
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_COMPONENTS_ALL runtime development hub)
+set(CPACK_COMPONENTS_ALL runtime loops development hub)
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/debian/before_packing.cmake)
 set(CPACK_VERBATIM_VARIABLES ON)
+set(CPACK_STRIP_PROGRAM ${CMAKE_STRIP})  # for that script
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -25,9 +26,19 @@ set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "libraries of the vesk message bus
 The bus with its transport over a hub, and what they stand on: event loop, log,
 serialisation and UUIDs. For programs that take part in the bus.")
 
+set(loops libvesk-loops${VESK_SOVERSION})
+set(CPACK_DEBIAN_LOOPS_PACKAGE_NAME ${loops})
+set(CPACK_DEBIAN_LOOPS_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_LOOPS_PACKAGE_DEPENDS "${runtime} (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_LOOPS_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/runtime/triggers)
+set(CPACK_DEBIAN_LOOPS_DESCRIPTION "the vesk message bus on loops of libuv and GLib
+For programs that take part in the bus and have such a loop already.")
+
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libvesk-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${runtime} (= ${PROJECT_VERSION})")
+# The hub for tests of applications is linked statically, and needs libzmq.
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
+  "${runtime} (= ${PROJECT_VERSION}), ${loops} (= ${PROJECT_VERSION}), libzmq3-dev")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "development files of the vesk message bus
 Headers, link names, and the packages for CMake (find_package(vesk-hub)) and
 pkg-config. For building programs that take part in the bus.")

@@ -15,6 +15,12 @@ foreach(file IN LISTS libraries_and_programs)
   endif()
 endforeach()
 
+# Installing strips no static libraries.
+file(GLOB archives ${CPACK_TEMPORARY_DIRECTORY}/*/usr/lib/*/*.a)
+if(archives)
+  execute_process(COMMAND ${CPACK_STRIP_PROGRAM} --strip-debug ${archives} COMMAND_ERROR_IS_FATAL ANY)
+endif()
+
 # Where Debian's zsh looks.
 set(zsh ${CPACK_TEMPORARY_DIRECTORY}/hub/usr/share/zsh)
 if(EXISTS ${zsh}/site-functions)
