@@ -205,6 +205,20 @@ TYPED_TEST(event_loop, misuse_is_refused_with_a_text_that_names_it) {
     EXPECT_THROW(this->loop.watch_fd({-1}, 0, ignore), std::system_error);
 }
 
+TEST(embedded_event_loop, does_not_wake_the_loop_around_it_when_a_turn_would_do_nothing) {
+    tolvan::vesk::toolkit::embedded_event_loop loop;
+    const auto wakes_within = [&](int ms) {
+        pollfd asked{.fd = loop.descriptor(), .events = POLLIN, .revents = 0};
+        return ::poll(&asked, 1, ms) == 1;
+    };
+    const auto later = loop.create_timer("test", 1h, 0ms, [] {});
+    EXPECT_FALSE(wakes_within(0));
+    const auto soon = loop.create_timer("test", 1ms, 0ms, [] {});
+    EXPECT_TRUE(wakes_within(60'000));
+    loop.turn();
+    EXPECT_FALSE(soon->pending || wakes_within(0));
+}
+
 TEST(asio_event_loop, run_waits_also_when_there_is_nothing_to_wait_for_but_not_after_a_stop) {
     asio_event_loop loop;
     loop.stop();
