@@ -31,7 +31,7 @@ set(CPACK_DEBIAN_LOOPS_PACKAGE_NAME ${loops})
 set(CPACK_DEBIAN_LOOPS_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_LOOPS_PACKAGE_DEPENDS "${runtime} (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_LOOPS_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/runtime/triggers)
-set(CPACK_DEBIAN_LOOPS_DESCRIPTION "the vesk message bus on loops of libuv and GLib
+set(CPACK_DEBIAN_LOOPS_DESCRIPTION "vesk message bus on loops of libuv and GLib
 For programs that take part in the bus and have such a loop already.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libvesk-dev)
