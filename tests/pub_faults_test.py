@@ -20,7 +20,7 @@ import unittest
 
 from end_to_end_test import DONE, FAILED, EndToEndTest, await_that
 
-ROUNDS = int(os.environ.get("VESK_ROUNDS", "8"))
+ROUNDS = int(os.environ.get("VESK_ROUNDS", "4"))
 
 
 def feed_lines(process, trickling, stopped, fed):

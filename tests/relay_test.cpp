@@ -190,7 +190,7 @@ TEST_F(relay_hub, tells_who_comes_who_goes_and_who_is_refused) {
                 Contains(AnyOf(StartsWith(loopback_peer), "subscriber a peer that left at once")));
     stranger.reset(), more.reset(), peers.reset();
     while (relay.read_counters().publishers + relay.read_counters().subscribers > 0)
-        std::this_thread::yield();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     EXPECT_THAT(peers_of(relay, event::disconnected), IsSupersetOf(connected));
     pollfd reports{relay.report_descriptor(), POLLIN, 0};
     EXPECT_EQ(std::pair(poll(&reports, 1, 0), relay.take_reports().size()), std::pair(0, std::size_t{0}));
@@ -320,9 +320,10 @@ TEST_F(relay_hub, stops_although_peers_do_not_read_and_binds_again_also_when_the
     for (int round = 0; round < 20; ++round) {
         hub relay(loopback);
         std::optional<road> stalled(std::in_place, relay);
-        const auto wanted = relay.read_counters().messages_out + 1000;
-        for (int i = 0; i < 1000; ++i) stalled->publisher.send({"t", std::string(20'000, 'x'), "metadata"});
-        while (relay.read_counters().messages_out < wanted) std::this_thread::yield();
+        const auto wanted = relay.read_counters().messages_out + 500;
+        for (int i = 0; i < 500; ++i) stalled->publisher.send({"t", std::string(20'000, 'x'), "metadata"});
+        while (relay.read_counters().messages_out < wanted)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
         std::thread leaving([&] { round == 0 ? void() : stalled.reset(); });
         relay.stop();
         EXPECT_EQ(refusal_of({relay.pub_endpoint(), relay.sub_endpoint()}), "accepted");

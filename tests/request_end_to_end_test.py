@@ -64,7 +64,7 @@ class RequestAndReply(EndToEndTest):
     def test_runs_64_programs_lets_1000_wait_and_ends_as_its_own_program_does_although_all_end_at_once(self):
         running = self.folder / "running"
         running.mkdir()
-        script = 'touch "$0/$$"; sleep "$(cat)"; echo 1'
+        script = ': >"$0/$$"; read -r seconds; sleep "$seconds"; echo 1'
         serve = self.start_ready("serve", "svc", "get", "--", "sh", "-c", script, running)
         client = self.foreign_client("foreign.reply")
         for number in range(64 + 1000 + 1):

@@ -1,8 +1,8 @@
-// An application that goes on whatever becomes of its hub: publishes a numbered tick and sends a request
-// every PERIOD ms, hears its own ticks and those of others, and counts. At a line of its stdin it tells its
-// counts as one JSON object, without those that are 0; at the end of its stdin it sends no more, waits until
-// every request has ended, tells them once more, and exits. With CHURN it also replaces a client with a
-// request under way, a server and a subscriber every so many ms.
+// An application that goes on whatever becomes of its hub: once there is one, publishes a numbered tick and
+// sends a request every PERIOD ms, hears its own ticks and those of others, and counts. At a line of its
+// stdin it tells its counts as one JSON object, without those that are 0; at the end of its stdin it sends no
+// more, waits until every request has ended, tells them once more, and exits. With CHURN it also replaces a
+// client with a request under way, a server and a subscriber every so many ms.
 //
 //   traffic NAME SERVER PUB_ENDPOINT SUB_ENDPOINT PERIOD [CHURN]
 #include <array>
@@ -15,6 +15,7 @@
 
 #include <tolvan/Variant.hpp>
 #include <tolvan/asio_event_loop.hpp>
+#include <tolvan/vesk/toolkit/hub_presence.hpp>
 #include <tolvan/vesk/v1/connection.hpp>
 #include <tolvan/vesk/v1/publisher.hpp>
 #include <tolvan/vesk/v1/reqrep_client.hpp>
@@ -31,11 +32,12 @@ class traffic {
     explicit traffic(char** arguments)
         : name(arguments[1]),
           server(arguments[2]),
-          bus({.pub_endpoint = arguments[3], .sub_endpoint = arguments[4]}, loop) {
+          bus({.pub_endpoint = arguments[3], .sub_endpoint = arguments[4]}, loop),
+          presence(loop, {.ready = [this, arguments] { every(arguments[5], sending, [this] { send(); }); }},
+                   {.probe_interval{}}) {
         subscriber.subscribe(
             "tick", [this](const std::string& topic) { hear(topic); }, nullptr);
         loop->watch_fd({STDIN_FILENO}, 0, [this](auto, auto) { read_stdin(); });
-        every(arguments[5], sending, [this] { send(); });
         if (arguments[6] != nullptr) every(arguments[6], renewing, [this] { renew(); });
     }
 
@@ -123,6 +125,7 @@ class traffic {
     vesk::v1::publisher publisher;
     vesk::v1::reqrep_client client;
     vesk::v1::subscriber subscriber;
+    vesk::toolkit::hub_presence presence;
     std::optional<passing> fleeting;
     timer sending, renewing;
     std::map<std::string, long> counts;
