@@ -6,6 +6,10 @@ target_compile_definitions(vesk_build_flags INTERFACE _FILE_OFFSET_BITS=64)
 target_compile_options(vesk_build_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow
   $<$<BOOL:${VESK_WERROR}>:-Werror>)
+if(CMAKE_UNITY_BUILD)
+  # The next source sees what one has for itself, and both look like one that includes headers.
+  target_compile_options(vesk_build_flags INTERFACE -Wno-shadow $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
+endif()
 
 if(VESK_SANITIZE)
   add_compile_options(-fsanitize=${VESK_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -O1)
