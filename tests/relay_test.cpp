@@ -196,21 +196,28 @@ TEST_F(relay_hub, tells_who_comes_who_goes_and_who_is_refused) {
     EXPECT_EQ(std::pair(poll(&reports, 1, 0), relay.take_reports().size()), std::pair(0, std::size_t{0}));
 }
 
-TEST_F(relay_hub, takes_no_signals_and_hands_no_descriptor_on_to_programs_that_are_started) {
-    const auto inheritable = [] {
-        int count = 0;
-        for (int number = 0; number < 1024; ++number) count += fcntl(number, F_GETFD) == 0;
-        return count;
+TEST_F(relay_hub, takes_no_signals_hands_no_descriptor_on_to_programs_that_are_started_and_keeps_none) {
+    const auto inheritable_and_all = [] {
+        std::pair<int, int> counts;
+        for (int number = 0; number < 1024; ++number) {
+            const int flags = fcntl(number, F_GETFD);
+            counts.first += flags == 0;
+            counts.second += flags != -1;
+        }
+        return counts;
     };
-    const auto before = inheritable();
-    const hub relay({ipc("pub"), loopback.sub_endpoint});
-    EXPECT_EQ(inheritable(), before);
-    sigset_t signals{};
-    sigaddset(&signals, SIGUSR1);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    kill(getpid(), SIGUSR1);
-    int waiting = 0;
-    EXPECT_EQ(sigwait(&signals, &waiting), 0);
+    const auto before = inheritable_and_all();
+    {
+        const hub relay({ipc("pub"), loopback.sub_endpoint});
+        EXPECT_EQ(inheritable_and_all().first, before.first);
+        sigset_t signals{};
+        sigaddset(&signals, SIGUSR1);
+        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+        kill(getpid(), SIGUSR1);
+        int waiting = 0;
+        EXPECT_EQ(sigwait(&signals, &waiting), 0);
+    }
+    EXPECT_EQ(inheritable_and_all(), before);
 }
 
 TEST_F(relay_hub, refuses_a_queue_that_the_largest_message_would_not_fit_into) {
