@@ -94,6 +94,7 @@ TEST(a_publisher_backend, told_to_wait_loses_nothing_although_the_hub_subscribes
         for (const char* const data : {"one", "two"}) backend.publish(nullptr, "a", data);
     });
     while (waits == 0) std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // in which whoever does not wait loses both
     hub.meet_publisher();
     EXPECT_EQ("one", hub.published().at(1));
     EXPECT_EQ("two", hub.published().at(1));
