@@ -44,7 +44,7 @@ class Requests(EndToEndTest):
     def test_a_time_out_says_what_was_missing(self):
         self.start_hub()
         server = self.foreign_client("svc.get")
-        for answers, missing in (([], "no server answered within 0.3 s"),
+        for answers, missing in (([], "no server of this identity and command answered within 0.3 s"),
                                  (["{}"], r"acknowledged after \d+ ms, but no reply within 0.3 s")):
             request = self.vesk("request", "svc", "get", "--timeout", "0.3")
             reply_topic = json.loads(server.receive()[1])["replyTopic"]

@@ -77,10 +77,7 @@ class display {
     vesk::subscriber controller;
     vesk::reqrep_client client;
     tolvan::event_loop_v1::holder<tolvan::timer_impl_base> controller_watch;
-    toolkit::hub_presence hub{loop,
-                              {.ready = [this] { show_at_once(); },
-                               .lost = [this] { say("the hub is lost"); },
-                               .back = [this] { say("the hub is back"); }}};
+    toolkit::hub_presence hub{loop, {.ready = [this] { show_at_once(); }}, {.probe_interval{}}};
 };
 
 std::optional<double> degrees_of(int argc, char** argv) {

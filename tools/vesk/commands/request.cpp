@@ -123,7 +123,7 @@ class request_command {
         if (!sent_at) return "no answer from the hub at " + hub;
         const std::string name = options.target + "." + options.command;
         if (!presence.is_there()) return name + ": lost the hub at " + hub + ", and no answer";
-        if (!acknowledged_after) return name + ": no server answered";
+        if (!acknowledged_after) return name + ": no server of this identity and command answered";
         return fmt::format("{}: acknowledged after {} ms, but no reply", name, acknowledged_after->count());
     }
 

@@ -47,8 +47,11 @@ bool may_enter_machine_folder() {
     struct stat folder = {};
     if (::lstat(machine_folder, &folder) != 0 || (folder.st_mode & 077) != 050) return false;
     if (::geteuid() == 0 || is_in_group(folder.st_gid)) return true;
-    tell(fmt::format("the hub of this machine, in {}, is for its group {}, to which you do not belong",
-                     machine_folder, name_of_group(folder.st_gid)));
+    const std::string group = name_of_group(folder.st_gid);
+    tell(
+        fmt::format("the hub of this machine, in {}, is for its group {}, to which you do not belong; after "
+                    "\"adduser NAME {}\" NAME has to log in again",
+                    machine_folder, group, group));
     return false;
 }
 

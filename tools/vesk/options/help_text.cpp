@@ -78,7 +78,7 @@ std::string help_text(const CLI::App& app) {
     text += section("Commands", entries_of(commands_of(app)));
     text += section("Arguments", entries_of(arguments_of(app)));
     text += section("Options", entries_of(options_of(app)));
-    if (app.get_parent() != nullptr) text += "\n\"vesk help\" has the options of every command.\n";
+    if (app.get_parent() != nullptr) text += "\n\"vesk help\" has the options that all commands take.\n";
     return text + "\n" + app.get_footer() + "\n";
 }
 

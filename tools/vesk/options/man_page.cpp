@@ -93,7 +93,9 @@ std::string man_page(const CLI::App& app) {
            fmt::format(".SH SYNOPSIS\n{}\n", roff(usage_of(app))) + section_of_commands(app) +
            section("ARGUMENTS", arguments_of(app)) + section("OPTIONS", options_of(app)) +
            (is_whole ? exit_status : "") + examples(app) +
-           (is_whole ? "" : ".SH SEE ALSO\nvesk(1) has the options of every command.\n");
+           (is_whole
+                ? ""
+                : ".SH SEE ALSO\nvesk(1) has the options that all commands take, and the exit status.\n");
 }
 
 }  // namespace tolvan::vesk::tool

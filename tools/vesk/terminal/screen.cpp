@@ -32,8 +32,8 @@ SCREEN* open_terminal() {
     if (opened != nullptr && ::tigetstr("cup") != nullptr) return opened;
     if (opened != nullptr) ::delscreen(opened);
     const char* const type = std::getenv("TERM");
-    throw no_screen(std::string("nothing can be drawn on a terminal of the type '") +
-                    (type == nullptr ? "" : type) + "'");
+    if (type == nullptr || *type == '\0') throw no_screen("TERM does not say what type of terminal this is");
+    throw no_screen(std::string("nothing can be drawn on a terminal of the type '") + type + "'");
 }
 
 void prepare_terminal() {

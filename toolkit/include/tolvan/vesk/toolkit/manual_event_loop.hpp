@@ -61,7 +61,10 @@ class manual_event_loop : public event_loop_v1 {
     void run_until(Condition condition) {
         const auto patience = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         while (!condition()) {
-            if (std::chrono::steady_clock::now() > patience) throw std::logic_error("waited in vain");
+            if (std::chrono::steady_clock::now() > patience)
+                throw std::logic_error(
+                    "run_until: the condition does not hold after 30 s; does it wait for a timer, which only "
+                    "advance() moves?");
             poll_once(std::chrono::milliseconds(10));
         }
     }

@@ -1,5 +1,9 @@
 #pragma once
 
+#if __cplusplus < 202002L
+#error "vesk needs C++20: g++ -std=c++20"
+#endif
+
 #include <cmath>
 #include <concepts>
 #include <cstdint>
