@@ -6,6 +6,13 @@ pkg_check_modules(cppzmq REQUIRED IMPORTED_TARGET cppzmq)
 pkg_check_modules(httplib REQUIRED IMPORTED_TARGET cpp-httplib)
 pkg_check_modules(ncursesw REQUIRED IMPORTED_TARGET ncursesw)
 pkg_check_modules(libuuid REQUIRED IMPORTED_TARGET uuid)
+# A folder that pkg-config names by -isystem is a folder when CMake has just asked for it, and an option when it
+# remembers it: the second time a build is configured, everything would be compiled again.
+foreach(module czmq zmq cppzmq)
+  foreach(part CFLAGS_OTHER INCLUDE_DIRS)
+    set(${module}_${part} "${${module}_${part}}" CACHE INTERNAL "")
+  endforeach()
+endforeach()
 find_package(fmt REQUIRED)
 find_package(spdlog REQUIRED)
 find_package(nlohmann_json REQUIRED)
