@@ -7,7 +7,7 @@ target_compile_options(vesk_build_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow
   $<$<BOOL:${VESK_WERROR}>:-Werror>)
 if(CMAKE_UNITY_BUILD)
-  # The next source sees what one has for itself, and both look like one that includes headers.
+  # Compiled together, a source sees the names of the one before it, and its own types seem to come from a header.
   target_compile_options(vesk_build_flags INTERFACE -Wno-shadow $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
 endif()
 
