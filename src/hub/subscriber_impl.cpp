@@ -87,7 +87,7 @@ void subscriber_impl::subscribe(v1::subscriber* s, const std::string& topic,
     }
     if (added) {
         entry->second.serial = ++last_serial;
-        record->only_holder = ++record->holders == 1 ? place{s, &entry->second} : place{};
+        record->only_holder = ++record->holders == 1 ? place{s, &entry->second, last_serial} : place{};
     } else {
         LUMO_LOG(lumo::v1::warning, source_file, "subscribe",
                  "duplicate subscription by id={} for topic={} detected, please fix your code",
@@ -225,7 +225,7 @@ void subscriber_impl::deliver(const std::shared_ptr<topic_and_data>& texts) {
     std::array<std::byte, 512> room;
     std::pmr::monotonic_buffer_resource scratch(room.data(), room.size());
     const std::uint64_t revocations_before = revocations;
-    for (const match& found : find_matches(find_wanted_topics(texts->topic, scratch), scratch)) {
+    for (const match& found : find_matches(texts->topic, scratch)) {
         const sub_functions* subscription = look_again(found, revocations_before);
         if (subscription == nullptr) continue;
         if (subscription->notify_fn) {
@@ -243,50 +243,47 @@ void subscriber_impl::deliver(const std::shared_ptr<topic_and_data>& texts) {
     }
 }
 
-// The topics that `received` matches and that somebody has, in ascending order. Goes by the lengths that
-// subscribed topics have: whatever is received, it costs no more than the subscribed topics are long.
-subscriber_impl::wanted_topics subscriber_impl::find_wanted_topics(const std::string& received,
-                                                                   std::pmr::memory_resource& scratch) {
-    wanted_topics wanted(&scratch);
+// In the order of the registry. When one subscriber alone has all the wanted topics, nobody else is asked.
+subscriber_impl::matches subscriber_impl::find_matches(const std::string& received,
+                                                       std::pmr::memory_resource& scratch) {
+    matches wanted = find_wanted_topics(received, scratch);
+    const auto is_the_first_ones = [&wanted](const match& topic) {
+        return topic.at.subscriber != nullptr && topic.at.subscriber == wanted.front().at.subscriber;
+    };
+    const bool of_one_alone = std::all_of(wanted.begin(), wanted.end(), is_the_first_ones);
+    return of_one_alone ? std::move(wanted) : ask_everybody(wanted, scratch);
+}
+
+// The topics that `received` matches and that somebody has, in ascending order, each with its only holder's
+// place if that is known. Goes by the lengths that subscribed topics have: whatever is received, it costs no
+// more than the subscribed topics are long.
+subscriber_impl::matches subscriber_impl::find_wanted_topics(const std::string& received,
+                                                             std::pmr::memory_resource& scratch) {
+    matches wanted(&scratch);
     for (const auto& [length, topics] : topic_lengths) {
         if (length > received.size()) break;
         if (!ends_segment(received, length)) continue;
         const std::string_view prefix(received.data(), length);
         const auto known = topic_refs.find(prefix);
         if (known != topic_refs.end() && known->second.holders > 0)
-            wanted.emplace_back(prefix, &known->second);
+            wanted.push_back({known->second.only_holder, prefix, &known->second});
     }
     return wanted;
 }
 
-// In the order of the registry. When one subscriber alone has all the wanted topics, nobody else is asked.
-std::pmr::vector<subscriber_impl::match> subscriber_impl::find_matches(
-    const wanted_topics& wanted, std::pmr::memory_resource& scratch) const {
-    std::pmr::vector<match> found(&scratch);
-    if (wanted.empty()) return found;
-    const v1::subscriber* const holder = wanted.front().second->only_holder.subscriber;
-    const auto is_the_holders = [holder](const auto& topic) {
-        return topic.second->only_holder.subscriber == holder;
-    };
-    if (holder == nullptr || !std::all_of(wanted.begin(), wanted.end(), is_the_holders)) {
-        ask_everybody(wanted, found);
-        return found;
-    }
-    for (const auto& [topic, record] : wanted)
-        found.push_back({record->only_holder, topic, record->only_holder.subscription->serial});
-    return found;
-}
-
 // Whoever turns out to be the only holder of a topic is found at once from then on.
-void subscriber_impl::ask_everybody(const wanted_topics& wanted, std::pmr::vector<match>& found) const {
+subscriber_impl::matches subscriber_impl::ask_everybody(const matches& wanted,
+                                                        std::pmr::memory_resource& scratch) const {
+    matches found(&scratch);
     for (const auto& [subscriber, topics] : subscriptions)
-        for (const auto& [topic, record] : wanted) {
-            const auto entry = topics.find(topic);
+        for (const match& wish : wanted) {
+            const auto entry = topics.find(wish.topic);
             if (entry == topics.end()) continue;
-            const place at{subscriber, &entry->second};
-            if (record->holders == 1) record->only_holder = at;
-            found.push_back({at, topic, entry->second.serial});
+            const place at{subscriber, &entry->second, entry->second.serial};
+            if (wish.record->holders == 1) wish.record->only_holder = at;
+            found.push_back({at, wish.topic, wish.record});
         }
+    return found;
 }
 
 // Nothing when the subscription is gone, also when another one was made in its place.
@@ -296,7 +293,7 @@ const subscriber_impl::sub_functions* subscriber_impl::look_again(const match& f
     const auto subscriber = subscriptions.find(found.at.subscriber);
     if (subscriber == subscriptions.end()) return nullptr;
     const auto entry = subscriber->second.find(found.topic);
-    const bool same = entry != subscriber->second.end() && entry->second.serial == found.serial;
+    const bool same = entry != subscriber->second.end() && entry->second.serial == found.at.serial;
     return same ? &entry->second : nullptr;
 }
 

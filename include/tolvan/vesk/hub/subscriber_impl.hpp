@@ -65,6 +65,7 @@ class subscriber_impl final : public v1::subscriber::backend,
     struct place {
         v1::subscriber* subscriber = nullptr;
         const sub_functions* subscription = nullptr;
+        std::uint64_t serial = 0;  ///< the subscription's
     };
 
     /// What there is of a topic whose hub filter is set.
@@ -80,8 +81,9 @@ class subscriber_impl final : public v1::subscriber::backend,
     struct match {
         place at;
         std::string_view topic;
-        std::uint64_t serial;
+        topic_record* record;
     };
+    using matches = std::pmr::vector<match>;
 
     topic_record& add_topic_reference(const std::string& topic);
     void remove_topic_reference(const std::string& topic);
@@ -96,11 +98,9 @@ class subscriber_impl final : public v1::subscriber::backend,
     void read_metadata(zmsg_t* received);
 
     void deliver(const std::shared_ptr<topic_and_data>& texts);
-    using wanted_topics = std::pmr::vector<std::pair<std::string_view, topic_record*>>;
-    wanted_topics find_wanted_topics(const std::string& received, std::pmr::memory_resource& scratch);
-    std::pmr::vector<match> find_matches(const wanted_topics& wanted,
-                                         std::pmr::memory_resource& scratch) const;
-    void ask_everybody(const wanted_topics& wanted, std::pmr::vector<match>& found) const;
+    matches find_matches(const std::string& received, std::pmr::memory_resource& scratch);
+    matches find_wanted_topics(const std::string& received, std::pmr::memory_resource& scratch);
+    matches ask_everybody(const matches& wanted, std::pmr::memory_resource& scratch) const;
     const sub_functions* look_again(const match& found, std::uint64_t revocations_before) const;
 
     void enqueue(message&& delivery);
