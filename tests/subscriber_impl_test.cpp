@@ -308,6 +308,24 @@ TEST_F(subscriber_backend, does_not_notify_of_the_current_message_what_its_callb
     EXPECT_EQ((texts{"anew notify x", "anew x=2"}), calls);
 }
 
+TEST_F(subscriber_backend, goes_on_with_a_message_whose_callback_has_revoked_another_subscriber) {
+    subscriber one, two, another;
+    one.subscribe(
+        "x", [&](const auto&) { another.revoke_subscriptions(); }, nullptr);
+    note(one, "x.y", "one");
+    const texts of_one{"one notify x.y", "one x.y=1"},
+        of_both{"one notify x.y", "one x.y=1", "two notify x.y", "two x.y=1"};
+    for (const auto& expected : {of_one, of_both}) {
+        calls.clear();
+        note(another, "z", "another");
+        receive({message("x.y", "1")});
+        dispatch();
+        std::sort(calls.begin(), calls.end());
+        EXPECT_EQ(expected, calls);
+        note(two, "x.y", "two");
+    }
+}
+
 // A loop may take a turn while a callback runs, and a new delivery may lie where the running one lay.
 TEST_F(subscriber_backend, keeps_what_comes_in_while_a_callback_that_has_revoked_is_running) {
     subscriber one, two;

@@ -76,8 +76,8 @@ class subscriber_impl final : public v1::subscriber::backend,
     };
     using topic_table = std::unordered_map<std::string, topic_record, text_hash, std::equal_to<>>;
 
-    /// A subscription that a message matches, with the keys to look it up again. The topic's bytes are those
-    /// of the message.
+    /// A subscription that a message matches, with the keys to look it up again; nobody's as long as only the
+    /// topic is known. The topic's bytes are those of the message.
     struct match {
         place at;
         std::string_view topic;
